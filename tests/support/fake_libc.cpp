@@ -1,0 +1,630 @@
+#include "support/fake_libc.h"
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <mutex>
+#include <ostream>
+#include <sstream>
+
+namespace fake {
+
+constinit Hook<int(int, int, int)> socket{"socket"};
+constinit Hook<int(int, sockaddr*, socklen_t*)> accept{"accept"};
+constinit Hook<int(int, const sockaddr*, socklen_t)> bind{"bind"};
+constinit Hook<int(int, int)> listen{"listen"};
+constinit Hook<int(int, const sockaddr*, socklen_t)> connect{"connect"};
+constinit Hook<ssize_t(int, const void*, size_t, int)> send{"send"};
+constinit Hook<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)> sendto{"sendto"};
+constinit Hook<ssize_t(int, void*, size_t, int)> recv{"recv"};
+constinit Hook<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)> recvfrom{"recvfrom"};
+constinit Hook<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select{"select"};
+constinit Hook<int(int, unsigned long, void*)> ioctl{"ioctl"};
+constinit Hook<int(int, int, long)> fcntl{"fcntl"};
+constinit Hook<int(int, int, int, const void*, socklen_t)> setsockopt{"setsockopt"};
+constinit Hook<int(int, int, int, void*, socklen_t*)> getsockopt{"getsockopt"};
+constinit Hook<int(int, sockaddr*, socklen_t*)> getsockname{"getsockname"};
+constinit Hook<int(int, sockaddr*, socklen_t*)> getpeername{"getpeername"};
+constinit Hook<int(int, int)> shutdown{"shutdown"};
+constinit Hook<int(int)> close{"close"};
+constinit Hook<time_t(time_t*)> time{"time"};
+constinit Hook<int(clockid_t, timespec*)> clock_gettime{"clock_gettime"};
+constinit Hook<int(const timespec*, timespec*)> nanosleep{"nanosleep"};
+constinit Hook<int()> sched_yield{"sched_yield"};
+constinit Hook<int(int, const rlimit*)> setrlimit{"setrlimit"};
+constinit Hook<int(void**, int)> backtrace{"backtrace"};
+constinit Hook<char**(void* const*, int)> backtrace_symbols{"backtrace_symbols"};
+constinit Hook<void()> abort{"abort", kNeverReturns};
+constinit Hook<pid_t()> getpid{"getpid"};
+constinit Hook<long(long, long, long, long, long, long, long)> syscall{"syscall"};
+constinit Hook<long(int)> sysconf{"sysconf"};
+constinit Hook<int(pthread_key_t*, void (*)(void*))> pthread_key_create{"pthread_key_create"};
+constinit Hook<void*(size_t, const std::nothrow_t&)> new_nothrow{sizeof(size_t) == 4 ? "_ZnwjRKSt9nothrow_t"
+                                                                                     : "_ZnwmRKSt9nothrow_t"};
+constinit Hook<void*(size_t, const std::nothrow_t&)> new_array_nothrow{
+    sizeof(size_t) == 4 ? "_ZnajRKSt9nothrow_t" : "_ZnamRKSt9nothrow_t"};
+
+namespace {
+
+constinit std::mutex g_Mutex;
+/// Never destroyed: threads may still be on their way while the process ends.
+std::condition_variable& CallEnded() {
+    static auto* const ended = new std::condition_variable;
+    return *ended;
+}
+thread_local int t_Inside = 0;
+
+}  // namespace
+
+namespace detail {
+
+void Lock() { g_Mutex.lock(); }
+void Unlock() { g_Mutex.unlock(); }
+
+void WaitForEndOfCall() {
+    std::unique_lock lock(g_Mutex, std::adopt_lock);
+    CallEnded().wait(lock);
+    lock.release();
+}
+
+void SignalEndOfCall() { CallEnded().notify_all(); }
+
+bool IsInside() { return t_Inside != 0; }
+Inside::Inside() { ++t_Inside; }
+Inside::~Inside() { --t_Inside; }
+
+FAKE_UNINSTRUMENTED void* FindReal(const char* name) { return ::dlsym(RTLD_NEXT, name); }
+
+pid_t ThisThread() { return ::gettid(); }
+
+}  // namespace detail
+
+// --- Texts of calls ---
+
+namespace {
+
+struct Name {
+    int value;
+    const char* text;
+};
+
+template <size_t N>
+std::string NameOf(int value, const Name (&names)[N]) {
+    for (const Name& name : names) {
+        if (name.value == value) return name.text;
+    }
+    return std::to_string(value);
+}
+
+template <size_t N>
+std::string Flags(int value, const Name (&names)[N]) {
+    std::string text;
+    for (const Name& name : names) {
+        if ((value & name.value) == 0) continue;
+        text += (text.empty() ? "" : "|") + std::string(name.text);
+        value &= ~name.value;
+    }
+    if (value != 0 || text.empty()) text += (text.empty() ? "" : "|") + std::to_string(value);
+    return text;
+}
+
+constexpr Name kFamilies[] = {{AF_INET6, "AF_INET6"}, {AF_INET, "AF_INET"}, {AF_PACKET, "AF_PACKET"}};
+constexpr Name kTypes[] = {{SOCK_STREAM, "SOCK_STREAM"}, {SOCK_DGRAM, "SOCK_DGRAM"}, {SOCK_RAW, "SOCK_RAW"}};
+constexpr Name kSocketOptions[] = {
+    {SO_REUSEADDR, "SO_REUSEADDR"}, {SO_ERROR, "SO_ERROR"},         {SO_DONTROUTE, "SO_DONTROUTE"},
+    {SO_BROADCAST, "SO_BROADCAST"}, {SO_SNDBUF, "SO_SNDBUF"},       {SO_RCVBUF, "SO_RCVBUF"},
+    {SO_KEEPALIVE, "SO_KEEPALIVE"}, {SO_OOBINLINE, "SO_OOBINLINE"}, {SO_LINGER, "SO_LINGER"},
+    {SO_RCVTIMEO, "SO_RCVTIMEO"},   {SO_SNDTIMEO, "SO_SNDTIMEO"},   {SO_BINDTODEVICE, "SO_BINDTODEVICE"},
+};
+constexpr Name kTcpOptions[] = {{TCP_NODELAY, "TCP_NODELAY"}, {TCP_INFO, "TCP_INFO"}};
+constexpr Name kMessageFlags[] = {{MSG_NOSIGNAL, "MSG_NOSIGNAL"}, {MSG_PEEK, "MSG_PEEK"},
+                                  {MSG_OOB, "MSG_OOB"},           {MSG_DONTWAIT, "MSG_DONTWAIT"},
+                                  {MSG_WAITALL, "MSG_WAITALL"},   {MSG_TRUNC, "MSG_TRUNC"}};
+constexpr Name kHows[] = {{SHUT_RD, "SHUT_RD"}, {SHUT_WR, "SHUT_WR"}, {SHUT_RDWR, "SHUT_RDWR"}};
+constexpr Name kCommands[] = {{F_GETFD, "F_GETFD"}, {F_SETFD, "F_SETFD"}, {F_GETFL, "F_GETFL"},
+                              {F_SETFL, "F_SETFL"}, {F_SETLK, "F_SETLK"}, {F_SETLKW, "F_SETLKW"}};
+constexpr Name kResources[] = {
+    {RLIMIT_CORE, "RLIMIT_CORE"}, {RLIMIT_STACK, "RLIMIT_STACK"}, {RLIMIT_DATA, "RLIMIT_DATA"}};
+constexpr Name kClocks[] = {{CLOCK_REALTIME, "CLOCK_REALTIME"}, {CLOCK_MONOTONIC, "CLOCK_MONOTONIC"}};
+
+template <typename... Parts>
+std::string Words(const Parts&... parts) {
+    std::ostringstream text;
+    const char* separator = "";
+    ((text << separator << parts, separator = " "), ...);
+    return text.str();
+}
+
+template <typename A, typename B>
+std::string Braces(A a, B b) {
+    return "{" + std::to_string(a) + ", " + std::to_string(b) + "}";
+}
+
+template <typename Time>
+std::string Duration(const Time* time) {
+    if (time == nullptr) return "null";
+    if constexpr (std::is_same_v<Time, timeval>) {
+        return Braces(time->tv_sec, time->tv_usec);
+    } else {
+        return Braces(time->tv_sec, time->tv_nsec);
+    }
+}
+
+std::string Hex(const void* bytes, size_t size) {
+    std::string text = "0x";
+    for (size_t i = 0; i < size; ++i) {
+        constexpr char kDigits[] = "0123456789abcdef";
+        const auto byte = static_cast<const unsigned char*>(bytes)[i];
+        text += kDigits[byte >> 4];
+        text += kDigits[byte & 15];
+    }
+    return text;
+}
+
+std::string Address(const sockaddr* address, socklen_t length) {
+    if (address == nullptr) return "null";
+    char text[INET6_ADDRSTRLEN] = "";
+    if (length == sizeof(sockaddr_in6) && address->sa_family == AF_INET6) {
+        sockaddr_in6 ip6;
+        std::memcpy(&ip6, address, sizeof ip6);
+        ::inet_ntop(AF_INET6, &ip6.sin6_addr, text, sizeof text);
+        std::string full = "[" + std::string(text) + "]:" + std::to_string(ntohs(ip6.sin6_port));
+        if (ip6.sin6_scope_id != 0) full += " scope " + std::to_string(static_cast<int>(ip6.sin6_scope_id));
+        if (ip6.sin6_flowinfo != 0) full += " flow " + std::to_string(ip6.sin6_flowinfo);
+        return full;
+    }
+    if (length == sizeof(sockaddr_in) && address->sa_family == AF_INET) {
+        sockaddr_in ip4;
+        std::memcpy(&ip4, address, sizeof ip4);
+        ::inet_ntop(AF_INET, &ip4.sin_addr, text, sizeof text);
+        return std::string(text) + ":" + std::to_string(ntohs(ip4.sin_port));
+    }
+    return Words("family", address->sa_family, Hex(address, length));
+}
+
+std::string Set(const fd_set* set, int n) {
+    if (set == nullptr) return "null";
+    std::string text;
+    for (int fd = 0; fd < std::min(n, int{FD_SETSIZE}); ++fd) {
+        if (FD_ISSET(fd, set)) text += (text.empty() ? "" : ",") + std::to_string(fd);
+    }
+    return "{" + text + "}";
+}
+
+std::string LevelAndOption(int level, int option) {
+    if (level == SOL_SOCKET) return Words("SOL_SOCKET", NameOf(option, kSocketOptions));
+    if (level == IPPROTO_TCP) return Words("IPPROTO_TCP", NameOf(option, kTcpOptions));
+    return Words(level, option);
+}
+
+std::string OptionValue(int level, int option, const void* value, socklen_t size) {
+    const bool of_socket = level == SOL_SOCKET;
+    if (of_socket && (option == SO_RCVTIMEO || option == SO_SNDTIMEO) && size == sizeof(timeval)) {
+        timeval time;
+        std::memcpy(&time, value, sizeof time);
+        return Duration(&time);
+    }
+    if (of_socket && option == SO_LINGER && size == sizeof(linger)) {
+        linger wanted;
+        std::memcpy(&wanted, value, sizeof wanted);
+        return Braces(wanted.l_onoff, wanted.l_linger);
+    }
+    if (of_socket && option == SO_BINDTODEVICE) {
+        const auto* const name = static_cast<const char*>(value);
+        return Words("\"" + std::string(name, ::strnlen(name, size)) + "\"", size);
+    }
+    if (size == sizeof(int)) {
+        int number;
+        std::memcpy(&number, value, sizeof number);
+        return std::to_string(number);
+    }
+    return Hex(value, size);
+}
+
+std::string IoctlText(unsigned long request, const void* argument) {
+    if (request == FIONBIO && argument != nullptr) {
+        int value;
+        std::memcpy(&value, argument, sizeof value);
+        return Words("FIONBIO", value);
+    }
+    return Hex(&request, sizeof request);
+}
+
+std::string LimitText(const rlimit* limit) {
+    const auto one = [](rlim_t value) {
+        return value == RLIM_INFINITY ? std::string("infinity") : std::to_string(value);
+    };
+    return "{" + one(limit->rlim_cur) + ", " + one(limit->rlim_max) + "}";
+}
+
+// --- The journal ---
+
+/// What the open journal has noted. Never destroyed.
+struct Notes {
+    bool open = false;
+    unsigned generation = 0;  ///< so that a call that outlives its journal finds out
+    pid_t thread = 0;
+    std::vector<const AnyHook*> hooks;
+    std::vector<Entry> entries;
+};
+
+Notes& TheNotes() {
+    static auto* const notes = new Notes;
+    return *notes;
+}
+
+int g_JournalIsOpen = 0;
+
+FAKE_UNINSTRUMENTED bool JournalIsOpen() { return __atomic_load_n(&g_JournalIsOpen, __ATOMIC_RELAXED) != 0; }
+
+const std::vector<const AnyHook*>& DefaultHooks() {
+    static const std::vector<const AnyHook*> hooks{
+        &socket,      &accept,   &bind,      &listen,      &connect,   &send,       &sendto,     &recv,
+        &recvfrom,    &select,   &ioctl,     &fcntl,       &close,     &setsockopt, &getsockopt, &getsockname,
+        &getpeername, &shutdown, &nanosleep, &sched_yield, &setrlimit, &abort};
+    return hooks;
+}
+
+template <typename Result>
+long AsNumber(Result result) {
+    if constexpr (std::is_pointer_v<Result>) {
+        return reinterpret_cast<intptr_t>(result);
+    } else {
+        return static_cast<long>(result);
+    }
+}
+
+/// The place of one call in the journal, if it is noted there.
+class Note {
+  public:
+    template <typename Describe>
+    Note(const AnyHook& hook, Describe describe) {
+        if (!JournalIsOpen()) return;
+        const int saved = errno;
+        {
+            const detail::Guard guard;
+            Notes& notes = TheNotes();
+            if (Wants(notes, hook)) {
+                m_Generation = notes.generation;
+                m_Index = notes.entries.size();
+                m_Noted = true;
+                notes.entries.push_back(describe());
+                Entry& entry = notes.entries.back();
+                entry.function = hook.Name();
+                entry.text = entry.text.empty() ? hook.Name() : Words(hook.Name(), entry.text);
+                entry.tid = detail::ThisThread();
+            }
+        }
+        errno = saved;
+    }
+
+    template <typename Result>
+    void SetResult(Result result) {
+        if (!m_Noted) return;
+        const int error = errno;
+        {
+            const detail::Guard guard;
+            Notes& notes = TheNotes();
+            if (notes.open && notes.generation == m_Generation) {
+                Entry& entry = notes.entries[m_Index];
+                entry.result = AsNumber(result);
+                entry.error = entry.result == -1 ? error : 0;
+                if (entry.function == std::string("socket")) entry.fd = static_cast<int>(entry.result);
+            }
+        }
+        errno = error;
+    }
+
+  private:
+    static bool Wants(const Notes& notes, const AnyHook& hook) {
+        return notes.open && (notes.thread == 0 || notes.thread == detail::ThisThread()) &&
+               std::find(notes.hooks.begin(), notes.hooks.end(), &hook) != notes.hooks.end();
+    }
+
+    bool m_Noted = false;
+    unsigned m_Generation = 0;
+    size_t m_Index = 0;
+};
+
+/// What every interposed function does.
+template <typename Result, typename... Args, typename Describe>
+FAKE_UNINSTRUMENTED Result Call(Hook<Result(Args...)>& hook, Describe describe,
+                                std::type_identity_t<Args>... args) {
+    if (!hook.IsArmed() && !JournalIsOpen()) return hook.Real(args...);
+    if (detail::IsInside()) return hook.Real(args...);
+    Note note(hook, describe);
+    if constexpr (std::is_void_v<Result>) {
+        hook.Answer(args...);
+    } else {
+        const Result result = hook.Answer(args...);
+        note.SetResult(result);
+        return result;
+    }
+}
+
+Entry Plain(std::string text = {}) { return {{}, std::move(text), -1, {}, 0, 0, 0}; }
+
+Entry For(int fd, std::string text = {}) { return {{}, std::move(text), fd, {}, 0, 0, 0}; }
+
+Entry Sending(int fd, const void* data, size_t size, std::string text) {
+    return {{}, std::move(text), fd, std::string(static_cast<const char*>(data), size), 0, 0, 0};
+}
+
+void Open(std::vector<const AnyHook*> hooks, Threads threads) {
+    const detail::Guard guard;
+    Notes& notes = TheNotes();
+    if (notes.open) ADD_FAILURE() << "two journals at once";
+    notes.open = true;
+    ++notes.generation;
+    notes.thread = threads == kThisThread ? detail::ThisThread() : 0;
+    notes.hooks = std::move(hooks);
+    notes.entries.clear();
+    __atomic_store_n(&g_JournalIsOpen, 1, __ATOMIC_RELAXED);
+}
+
+template <typename Wanted>
+std::vector<std::string> TextsOf(const std::vector<Entry>& entries, Wanted wanted) {
+    std::vector<std::string> texts;
+    for (const Entry& entry : entries) {
+        if (wanted(entry)) texts.push_back(entry.text);
+    }
+    return texts;
+}
+
+}  // namespace
+
+Journal::Journal(Threads threads) { Open(DefaultHooks(), threads); }
+
+Journal::Journal(std::initializer_list<const AnyHook*> hooks, Threads threads) { Open(hooks, threads); }
+
+Journal::~Journal() {
+    const detail::Guard guard;
+    __atomic_store_n(&g_JournalIsOpen, 0, __ATOMIC_RELAXED);
+    TheNotes().open = false;
+    TheNotes().entries = {};
+    TheNotes().hooks = {};
+}
+
+std::vector<Entry> Journal::Entries() const {
+    const detail::Guard guard;
+    return TheNotes().entries;
+}
+
+std::vector<Entry> Journal::Entries(const AnyHook& hook) const {
+    std::vector<Entry> entries = Entries();
+    std::erase_if(entries, [&](const Entry& entry) { return entry.function != hook.Name(); });
+    return entries;
+}
+
+std::vector<std::string> Journal::Texts() const {
+    return TextsOf(Entries(), [](const Entry&) { return true; });
+}
+
+std::vector<std::string> Journal::Texts(int fd) const {
+    return TextsOf(Entries(), [fd](const Entry& entry) { return entry.fd == fd; });
+}
+
+std::vector<std::string> Journal::Texts(const AnyHook& hook) const {
+    return TextsOf(Entries(hook), [](const Entry&) { return true; });
+}
+
+void Journal::Clear() {
+    const detail::Guard guard;
+    ++TheNotes().generation;
+    TheNotes().entries.clear();
+}
+
+void PrintTo(const Entry& entry, std::ostream* stream) {
+    *stream << entry.text << " [fd " << entry.fd << ", tid " << entry.tid << "] = " << entry.result;
+    if (entry.error != 0) *stream << " " << std::strerror(entry.error);
+}
+
+}  // namespace fake
+
+// --- The interposed functions ---
+
+using namespace fake;
+
+extern "C" {
+
+FAKE_UNINSTRUMENTED int socket(int domain, int type, int protocol) noexcept {
+    const auto text = [&] { return Plain(Words(NameOf(domain, kFamilies), NameOf(type, kTypes), protocol)); };
+    return Call(fake::socket, text, domain, type, protocol);
+}
+
+FAKE_UNINSTRUMENTED int accept(int fd, sockaddr* address, socklen_t* length) {
+    return Call(
+        fake::accept, [&] { return For(fd); }, fd, address, length);
+}
+
+FAKE_UNINSTRUMENTED int bind(int fd, const sockaddr* address, socklen_t length) noexcept {
+    return Call(
+        fake::bind, [&] { return For(fd, Address(address, length)); }, fd, address, length);
+}
+
+FAKE_UNINSTRUMENTED int listen(int fd, int backlog) noexcept {
+    return Call(
+        fake::listen, [&] { return For(fd, Words(backlog)); }, fd, backlog);
+}
+
+FAKE_UNINSTRUMENTED int connect(int fd, const sockaddr* address, socklen_t length) {
+    return Call(
+        fake::connect, [&] { return For(fd, Address(address, length)); }, fd, address, length);
+}
+
+FAKE_UNINSTRUMENTED ssize_t send(int fd, const void* data, size_t size, int flags) {
+    const auto text = [&] { return Sending(fd, data, size, Words(size, Flags(flags, kMessageFlags))); };
+    return Call(fake::send, text, fd, data, size, flags);
+}
+
+FAKE_UNINSTRUMENTED ssize_t sendto(int fd, const void* data, size_t size, int flags, const sockaddr* address,
+                                   socklen_t length) {
+    const auto text = [&] {
+        return Sending(fd, data, size, Words(size, Flags(flags, kMessageFlags), Address(address, length)));
+    };
+    return Call(fake::sendto, text, fd, data, size, flags, address, length);
+}
+
+FAKE_UNINSTRUMENTED ssize_t recv(int fd, void* data, size_t size, int flags) {
+    const auto text = [&] { return For(fd, Words(size, Flags(flags, kMessageFlags))); };
+    return Call(fake::recv, text, fd, data, size, flags);
+}
+
+FAKE_UNINSTRUMENTED ssize_t recvfrom(int fd, void* data, size_t size, int flags, sockaddr* address,
+                                     socklen_t* length) {
+    const auto text = [&] { return For(fd, Words(size, Flags(flags, kMessageFlags))); };
+    return Call(fake::recvfrom, text, fd, data, size, flags, address, length);
+}
+
+FAKE_UNINSTRUMENTED int select(int n, fd_set* read, fd_set* write, fd_set* except, timeval* timeout) {
+    const auto text = [&] {
+        return Plain(Words(n, Set(read, n), Set(write, n), Set(except, n), Duration(timeout)));
+    };
+    return Call(fake::select, text, n, read, write, except, timeout);
+}
+
+FAKE_UNINSTRUMENTED int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return Call(
+        fake::ioctl, [&] { return For(fd, IoctlText(request, argument)); }, fd, request, argument);
+}
+
+FAKE_UNINSTRUMENTED int fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    const long argument = va_arg(arguments, long);
+    va_end(arguments);
+    const auto text = [&] {
+        // Commands without argument, or with a pointer, would print noise.
+        const bool has_number = command == F_SETFD || command == F_SETFL;
+        const std::string name = NameOf(command, kCommands);
+        return For(fd, has_number ? Words(name, static_cast<int>(argument)) : name);
+    };
+    return Call(fake::fcntl, text, fd, command, argument);
+}
+
+FAKE_UNINSTRUMENTED int setsockopt(int fd, int level, int option, const void* value,
+                                   socklen_t size) noexcept {
+    const auto text = [&] {
+        return For(fd, Words(LevelAndOption(level, option), OptionValue(level, option, value, size)));
+    };
+    return Call(fake::setsockopt, text, fd, level, option, value, size);
+}
+
+FAKE_UNINSTRUMENTED int getsockopt(int fd, int level, int option, void* value, socklen_t* size) noexcept {
+    return Call(
+        fake::getsockopt, [&] { return For(fd, LevelAndOption(level, option)); }, fd, level, option, value,
+        size);
+}
+
+FAKE_UNINSTRUMENTED int getsockname(int fd, sockaddr* address, socklen_t* length) noexcept {
+    return Call(
+        fake::getsockname, [&] { return For(fd); }, fd, address, length);
+}
+
+FAKE_UNINSTRUMENTED int getpeername(int fd, sockaddr* address, socklen_t* length) noexcept {
+    return Call(
+        fake::getpeername, [&] { return For(fd); }, fd, address, length);
+}
+
+FAKE_UNINSTRUMENTED int shutdown(int fd, int how) noexcept {
+    return Call(
+        fake::shutdown, [&] { return For(fd, NameOf(how, kHows)); }, fd, how);
+}
+
+FAKE_UNINSTRUMENTED int close(int fd) {
+    return Call(
+        fake::close, [&] { return For(fd); }, fd);
+}
+
+FAKE_UNINSTRUMENTED time_t time(time_t* now) noexcept {
+    return Call(
+        fake::time, [] { return Plain(); }, now);
+}
+
+FAKE_UNINSTRUMENTED int clock_gettime(clockid_t clock, timespec* now) noexcept {
+    return Call(
+        fake::clock_gettime, [&] { return Plain(NameOf(clock, kClocks)); }, clock, now);
+}
+
+FAKE_UNINSTRUMENTED int nanosleep(const timespec* request, timespec* remaining) {
+    return Call(
+        fake::nanosleep, [&] { return Plain(Duration(request)); }, request, remaining);
+}
+
+FAKE_UNINSTRUMENTED int sched_yield() noexcept {
+    return Call(fake::sched_yield, [] { return Plain(); });
+}
+
+FAKE_UNINSTRUMENTED int setrlimit(__rlimit_resource_t resource, const rlimit* limit) noexcept {
+    const int number = static_cast<int>(resource);
+    const auto text = [&] { return Plain(Words(NameOf(number, kResources), LimitText(limit))); };
+    return Call(fake::setrlimit, text, number, limit);
+}
+
+FAKE_UNINSTRUMENTED int backtrace(void** frames, int size) {
+    return Call(
+        fake::backtrace, [&] { return Plain(Words(size)); }, frames, size);
+}
+
+FAKE_UNINSTRUMENTED char** backtrace_symbols(void* const* frames, int size) noexcept {
+    return Call(
+        fake::backtrace_symbols, [&] { return Plain(Words(size)); }, frames, size);
+}
+
+FAKE_UNINSTRUMENTED void abort() noexcept {
+    Call(fake::abort, [] { return Plain(); });
+    __builtin_trap();
+}
+
+FAKE_UNINSTRUMENTED pid_t getpid() noexcept {
+    return Call(fake::getpid, [] { return Plain(); });
+}
+
+FAKE_UNINSTRUMENTED long syscall(long number, ...) noexcept {
+    va_list arguments;
+    va_start(arguments, number);
+    long a[6];
+    for (long& argument : a) argument = va_arg(arguments, long);
+    va_end(arguments);
+    return Call(
+        fake::syscall, [&] { return Plain(Words(number)); }, number, a[0], a[1], a[2], a[3], a[4], a[5]);
+}
+
+FAKE_UNINSTRUMENTED long sysconf(int name) noexcept {
+    return Call(
+        fake::sysconf, [&] { return Plain(Words(name)); }, name);
+}
+
+FAKE_UNINSTRUMENTED int pthread_key_create(pthread_key_t* key, void (*destructor)(void*)) noexcept {
+    return Call(
+        fake::pthread_key_create, [] { return Plain(); }, key, destructor);
+}
+}
+
+FAKE_UNINSTRUMENTED void* operator new(size_t size, const std::nothrow_t& tag) noexcept {
+    return Call(
+        fake::new_nothrow, [&] { return Plain(Words(size)); }, size, tag);
+}
+
+FAKE_UNINSTRUMENTED void* operator new[](size_t size, const std::nothrow_t& tag) noexcept {
+    return Call(
+        fake::new_array_nothrow, [&] { return Plain(Words(size)); }, size, tag);
+}

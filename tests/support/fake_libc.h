@@ -1,0 +1,415 @@
+/// Faked libc: the test executable defines `send`, `select`, `abort` ... itself, so that the calls of the
+/// library (and of everything else in the process) come here first. Unarmed, a call goes straight to the real
+/// function.
+///
+/// A scope arms one function:
+///
+///     fake::Script sends(fake::send, {fake::Fail(EINTR), fake::Return(3), fake::Real()});
+///     fake::Always refuses(fake::setrlimit, fake::Fail(EPERM));
+///     fake::Replace pause(fake::nanosleep, [&](const timespec* request, timespec*) { ...; return 0; });
+///
+/// A script is used up call by call; entries that are left at the end of its scope fail the test, calls
+/// beyond its end are real. A later scope goes before an earlier one. Scopes apply to all threads, or to the
+/// thread that makes them (`fake::kThisThread`), and to the calls that `When` selects. End every thread that
+/// may be inside a scope's functions before the scope ends: its destructor waits for them.
+///
+/// A journal notes the calls of all functions in the order in which they began:
+///
+///     fake::Journal journal;
+///     socket.Open();
+///     EXPECT_EQ(journal.Texts(), (std::vector<std::string>{"socket AF_INET6 SOCK_DGRAM 0", "fcntl F_SETFD
+///     1", ...}));
+///
+/// Inside a scope's function all calls of its thread are real and not noted, and `fake::send.Real(...)`
+/// always is.
+#ifndef KOVA_TESTS_SUPPORT_FAKE_LIBC_H
+#define KOVA_TESTS_SUPPORT_FAKE_LIBC_H
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <functional>
+#include <initializer_list>
+#include <new>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#define FAKE_UNINSTRUMENTED [[gnu::no_sanitize("address", "thread", "undefined")]]
+
+namespace fake {
+
+enum Threads { kAllThreads, kThisThread };
+
+/// --- What a call does instead ---
+
+struct Fail {
+    explicit Fail(int number) : error(number) {}
+    int error;
+};
+template <typename Value>
+struct Return {
+    explicit Return(Value v) : value(v) {}
+    Value value;
+};
+struct Real {};
+
+template <typename Signature>
+class Hook;
+
+template <typename Signature>
+class Action;
+
+/// One entry of a script: Fail (-1 or null, with errno), Return, Real, or a function of the call's arguments.
+template <typename Result, typename... Args>
+class Action<Result(Args...)> {
+  public:
+    Action(Fail fail)
+        : m_Function([error = fail.error](Args...) -> Result {
+              errno = error;
+              if constexpr (std::is_pointer_v<Result>) {
+                  return nullptr;
+              } else if constexpr (!std::is_void_v<Result>) {
+                  return static_cast<Result>(-1);
+              }
+          }) {}
+    template <typename Value>
+    Action(Return<Value> wanted)
+        : m_Function([value = wanted.value](Args...) { return static_cast<Result>(value); }) {}
+    Action(Real) {}
+    template <typename Function,
+              typename = std::enable_if_t<std::is_invocable_r_v<Result, Function&, Args...>>>
+    Action(Function function) : m_Function(std::move(function)) {}
+
+    bool IsReal() const { return !m_Function; }
+    Result Run(Args... args) const { return m_Function(args...); }
+
+  private:
+    std::function<Result(Args...)> m_Function;
+};
+
+/// --- The machinery between hooks and scopes ---
+
+namespace detail {
+
+/// Guards the scopes of all hooks.
+void Lock();
+void Unlock();
+struct Guard {
+    Guard() { Lock(); }
+    ~Guard() { Unlock(); }
+};
+void WaitForEndOfCall();  ///< under the lock
+void SignalEndOfCall();   ///< under the lock
+
+/// Whether this thread is inside a scope's function, and marks it as such.
+bool IsInside();
+class Inside {
+  public:
+    Inside();
+    ~Inside();
+};
+
+void* FindReal(const char* name);
+pid_t ThisThread();
+
+/// One armed scope.
+template <typename Result, typename... Args>
+class Armed;
+
+template <typename Signature>
+struct ArmedFor;
+template <typename Result, typename... Args>
+struct ArmedFor<Result(Args...)> {
+    using Type = Armed<Result, Args...>;
+};
+
+}  // namespace detail
+
+/// What the journal needs to know of a hook.
+class AnyHook {
+  public:
+    const char* Name() const { return m_Name; }
+
+  protected:
+    constexpr explicit AnyHook(const char* name) : m_Name(name) {}
+
+    const char* m_Name;
+};
+
+/// Whether a function returns to its caller. One that does not may be left by siglongjmp.
+enum Ending { kReturns, kNeverReturns };
+
+/// One interposed function. Constant-initialised and not instrumented: calls come here before any
+/// constructor, that of a sanitizer included, has run.
+template <typename Result, typename... Args>
+class Hook<Result(Args...)> : public AnyHook {
+  public:
+    using Armed = detail::Armed<Result, Args...>;
+
+    constexpr explicit Hook(const char* name, Ending ending = kReturns) : AnyHook(name), m_Ending(ending) {}
+
+    /// Calls the real function.
+    FAKE_UNINSTRUMENTED Result Real(Args... args) {
+        void* real = __atomic_load_n(&m_Real, __ATOMIC_RELAXED);
+        if (real == nullptr) {
+            real = detail::FindReal(m_Name);
+            __atomic_store_n(&m_Real, real, __ATOMIC_RELAXED);
+        }
+        return reinterpret_cast<Result (*)(Args...)>(real)(args...);
+    }
+
+    FAKE_UNINSTRUMENTED bool IsArmed() const { return __atomic_load_n(&m_Top, __ATOMIC_RELAXED) != nullptr; }
+
+    /// Lets the innermost scope that covers the call answer it.
+    Result Answer(Args... args) {
+        Armed* scope = nullptr;
+        const Action<Result(Args...)>* action = nullptr;
+        {
+            const detail::Guard guard;
+            for (scope = m_Top; scope != nullptr; scope = scope->m_Below) {
+                action = scope->Choose(args...);
+                if (action != nullptr) break;
+            }
+            if (action != nullptr && !action->IsReal() && m_Ending == kReturns) ++scope->m_Running;
+        }
+        if (action == nullptr || action->IsReal()) return Real(args...);
+        if (m_Ending == kNeverReturns) return action->Run(args...);
+        const Leave leave{*scope};
+        const detail::Inside inside;
+        return action->Run(args...);
+    }
+
+    void Arm(Armed& scope) {
+        const detail::Guard guard;
+        scope.m_Below = m_Top;
+        __atomic_store_n(&m_Top, &scope, __ATOMIC_RELAXED);
+    }
+
+    void Disarm(Armed& scope) {
+        const detail::Guard guard;
+        if (m_Top == &scope) {
+            __atomic_store_n(&m_Top, scope.m_Below, __ATOMIC_RELAXED);
+        } else {
+            Armed* above = m_Top;
+            while (above->m_Below != &scope) above = above->m_Below;
+            above->m_Below = scope.m_Below;
+        }
+        while (scope.m_Running != 0) detail::WaitForEndOfCall();
+    }
+
+  private:
+    struct Leave {
+        Armed& scope;
+        ~Leave() {
+            const detail::Guard guard;
+            --scope.m_Running;
+            detail::SignalEndOfCall();
+        }
+    };
+
+    void* m_Real = nullptr;
+    Armed* m_Top = nullptr;
+    const Ending m_Ending;
+};
+
+namespace detail {
+
+template <typename Result, typename... Args>
+class Armed {
+  public:
+    Armed(const Armed&) = delete;
+    Armed& operator=(const Armed&) = delete;
+
+    /// Only calls for whose arguments `condition` holds.
+    void When(std::function<bool(Args...)> condition) {
+        const Guard guard;
+        m_Condition = std::move(condition);
+    }
+    /// How many calls this scope has answered, or counted.
+    size_t Calls() const {
+        const Guard guard;
+        return m_Answered;
+    }
+
+  protected:
+    friend class Hook<Result(Args...)>;
+
+    Armed(Hook<Result(Args...)>& hook, Threads threads)
+        : m_Hook(hook), m_Thread(threads == kThisThread ? ThisThread() : 0) {}
+    virtual ~Armed() = default;
+
+    /// The next action; null when there is none left.
+    virtual const Action<Result(Args...)>* Next() = 0;
+
+    Hook<Result(Args...)>& m_Hook;
+    size_t m_Answered = 0;
+
+  private:
+    const Action<Result(Args...)>* Choose(Args... args) {
+        if (m_Thread != 0 && m_Thread != ThisThread()) return nullptr;
+        if (m_Condition && !m_Condition(args...)) return nullptr;
+        const Action<Result(Args...)>* const action = Next();
+        if (action != nullptr) ++m_Answered;
+        return action;
+    }
+
+    const pid_t m_Thread;  ///< 0: all
+    std::function<bool(Args...)> m_Condition;
+    int m_Running = 0;  ///< calls that are inside its function
+    Armed* m_Below = nullptr;
+};
+
+}  // namespace detail
+
+/// --- The functions ---
+
+extern Hook<int(int, int, int)> socket;
+extern Hook<int(int, sockaddr*, socklen_t*)> accept;
+extern Hook<int(int, const sockaddr*, socklen_t)> bind;
+extern Hook<int(int, int)> listen;
+extern Hook<int(int, const sockaddr*, socklen_t)> connect;
+extern Hook<ssize_t(int, const void*, size_t, int)> send;
+extern Hook<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)> sendto;
+extern Hook<ssize_t(int, void*, size_t, int)> recv;
+extern Hook<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)> recvfrom;
+extern Hook<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
+extern Hook<int(int, unsigned long, void*)> ioctl;
+extern Hook<int(int, int, long)> fcntl;
+extern Hook<int(int, int, int, const void*, socklen_t)> setsockopt;
+extern Hook<int(int, int, int, void*, socklen_t*)> getsockopt;
+extern Hook<int(int, sockaddr*, socklen_t*)> getsockname;
+extern Hook<int(int, sockaddr*, socklen_t*)> getpeername;
+extern Hook<int(int, int)> shutdown;
+extern Hook<int(int)> close;
+extern Hook<time_t(time_t*)> time;
+extern Hook<int(clockid_t, timespec*)> clock_gettime;
+extern Hook<int(const timespec*, timespec*)> nanosleep;
+extern Hook<int()> sched_yield;
+extern Hook<int(int, const rlimit*)> setrlimit;
+extern Hook<int(void**, int)> backtrace;
+extern Hook<char**(void* const*, int)> backtrace_symbols;
+/// A function that replaces it must not return: it may leave with siglongjmp.
+extern Hook<void()> abort;
+extern Hook<pid_t()> getpid;
+extern Hook<long(long, long, long, long, long, long, long)> syscall;
+extern Hook<long(int)> sysconf;
+extern Hook<int(pthread_key_t*, void (*)(void*))> pthread_key_create;
+/// `new (std::nothrow)` of one object and of an array; Fail gives null.
+extern Hook<void*(size_t, const std::nothrow_t&)> new_nothrow;
+extern Hook<void*(size_t, const std::nothrow_t&)> new_array_nothrow;
+
+/// --- The scopes ---
+
+/// Answers the next calls by its entries, in order. Entries left at its end fail the test.
+template <typename Signature>
+class Script : public detail::ArmedFor<Signature>::Type {
+  public:
+    Script(Hook<Signature>& hook, std::initializer_list<std::type_identity_t<Action<Signature>>> actions,
+           Threads threads = kAllThreads)
+        : detail::ArmedFor<Signature>::Type(hook, threads), m_Actions(actions) {
+        hook.Arm(*this);
+    }
+    ~Script() override {
+        this->m_Hook.Disarm(*this);
+        EXPECT_EQ(m_Next, m_Actions.size())
+            << "calls that the script of " << this->m_Hook.Name() << " expects and that never came";
+    }
+
+  private:
+    const Action<Signature>* Next() override {
+        return m_Next < m_Actions.size() ? &m_Actions[m_Next++] : nullptr;
+    }
+
+    const std::vector<Action<Signature>> m_Actions;
+    size_t m_Next = 0;
+};
+
+/// Answers every call in the same way. `Calls()` tells how many there were.
+template <typename Signature>
+class Always : public detail::ArmedFor<Signature>::Type {
+  public:
+    Always(Hook<Signature>& hook, std::type_identity_t<Action<Signature>> action,
+           Threads threads = kAllThreads)
+        : detail::ArmedFor<Signature>::Type(hook, threads), m_Action(std::move(action)) {
+        hook.Arm(*this);
+    }
+    ~Always() override { this->m_Hook.Disarm(*this); }
+
+  private:
+    const Action<Signature>* Next() override { return &m_Action; }
+
+    const Action<Signature> m_Action;
+};
+
+/// Puts a function in place of the real one.
+template <typename Signature>
+using Replace = Always<Signature>;
+
+/// Counts calls and leaves them to the scopes around it, or to the real function.
+template <typename Signature>
+class Counter : public detail::ArmedFor<Signature>::Type {
+  public:
+    explicit Counter(Hook<Signature>& hook, Threads threads = kAllThreads)
+        : detail::ArmedFor<Signature>::Type(hook, threads) {
+        hook.Arm(*this);
+    }
+    ~Counter() override { this->m_Hook.Disarm(*this); }
+
+  private:
+    const Action<Signature>* Next() override {
+        ++this->m_Answered;
+        return nullptr;
+    }
+};
+
+/// --- The journal ---
+
+/// One call. `text` is "function arguments" without the descriptor, with constants by their names:
+/// "setsockopt SOL_SOCKET SO_RCVTIMEO {2, 500000}", "bind [::]:20003", "send 24 MSG_NOSIGNAL", "close".
+struct Entry {
+    std::string function;
+    std::string text;
+    int fd;            ///< descriptor the call was for (the new one for `socket`); -1 if none
+    std::string data;  ///< bytes sent
+    long result;       ///< meaningful once the call has returned
+    int error;         ///< errno if the result is -1, otherwise 0
+    pid_t tid;
+};
+
+void PrintTo(const Entry& entry, std::ostream* stream);
+
+/// The calls made while it lives. One at a time.
+class Journal {
+  public:
+    /// Notes sockets, descriptors and sleeps: everything but clocks, ids, `sysconf`, `syscall`, memory and
+    /// the back-trace.
+    explicit Journal(Threads threads = kAllThreads);
+    /// Notes these functions only.
+    explicit Journal(std::initializer_list<const AnyHook*> hooks, Threads threads = kAllThreads);
+    Journal(const Journal&) = delete;
+    Journal& operator=(const Journal&) = delete;
+    ~Journal();
+
+    std::vector<Entry> Entries() const;
+    /// Calls of one function.
+    std::vector<Entry> Entries(const AnyHook& hook) const;
+    /// The texts of all calls, of those for one descriptor, or of those of one function.
+    std::vector<std::string> Texts() const;
+    std::vector<std::string> Texts(int fd) const;
+    std::vector<std::string> Texts(const AnyHook& hook) const;
+    size_t Count(const AnyHook& hook) const { return Entries(hook).size(); }
+    void Clear();
+};
+
+}  // namespace fake
+
+#endif
