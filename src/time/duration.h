@@ -1,0 +1,18 @@
+/// Milliseconds as the system's own time structures.
+#ifndef KOVA_TIME_DURATION_H
+#define KOVA_TIME_DURATION_H
+
+#include <sys/time.h>
+#include <time.h>
+
+#include <cstdint>
+
+namespace kova {
+
+inline timeval ToTimeval(int32_t ms) { return {ms / 1000, suseconds_t{ms % 1000} * 1000}; }
+
+inline timespec ToTimespec(int32_t ms) { return {ms / 1000, long{ms % 1000} * 1000000}; }
+
+}  // namespace kova
+
+#endif

@@ -1,0 +1,279 @@
+// On the target the layout of objects is the binary interface: the place of every field and the slot of every
+// virtual operation. The numbers are those of the 32-bit target. Hosts with 64-bit pointers check the order.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <iosfwd>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+// Everything that the headers below include is above; from here on their fields can be named.
+#define private public
+#define protected public
+#include <kova/base_object.h>
+#include <kova/clock.h>
+#include <kova/flat_msg.h>
+#include <kova/inet_addr.h>
+#include <kova/process.h>
+#include <kova/socket_wrapper.h>
+#include <kova/tcp_socket.h>
+#include <kova/udp_socket.h>
+#undef private
+#undef protected
+
+namespace {
+
+constexpr bool kIsTargetsSize = sizeof(void*) == 4;
+
+template <typename Object, typename Field>
+size_t OffsetOf(const Object& object, const Field& field) {
+    return static_cast<size_t>(reinterpret_cast<const char*>(&field) -
+                               reinterpret_cast<const char*>(&object));
+}
+
+struct Place {
+    const char* field;
+    size_t offset;  ///< in this build
+    size_t size;
+    size_t wanted;  ///< on the target
+};
+
+/// Fields follow each other without overlap, and lie where the target has them.
+void ExpectPlaces(const std::vector<Place>& places) {
+    size_t end = 0;
+    for (const Place& place : places) {
+        EXPECT_GE(place.offset, end) << place.field << " lies before the field that precedes it";
+        end = place.offset + place.size;
+        EXPECT_EQ(kIsTargetsSize ? place.wanted : place.offset, place.offset) << place.field;
+    }
+}
+
+void ExpectSize(size_t wanted, size_t size) { EXPECT_EQ(kIsTargetsSize ? wanted : size, size); }
+
+#define PLACE(object, field, wanted) \
+    Place { #field, OffsetOf(object, (object).field), sizeof((object).field), wanted }
+
+/// The slot of a virtual operation. A pointer to one is, in the C++ ABI of all our machines, 1 + the offset
+/// in the virtual table.
+template <typename Function>
+size_t SlotOf(Function function) {
+    uintptr_t words[2];
+    static_assert(sizeof function == sizeof words);
+    std::memcpy(words, &function, sizeof words);
+    EXPECT_EQ(1u, words[0] & 1) << "not virtual";
+    return (words[0] - 1) / sizeof(void*);
+}
+
+/// Every class begins with the destructor's two entries.
+constexpr size_t kFirstSlot = 2;
+
+// --- Records and values ---
+
+TEST(Layout, Records) {
+    static_assert(sizeof(KovaTimeSpec) == 8 && offsetof(KovaTimeSpec, seconds) == 0 &&
+                  offsetof(KovaTimeSpec, milliseconds) == 4);
+    static_assert(sizeof(KovaPTid) == 8 && offsetof(KovaPTid, pid) == 0 && offsetof(KovaPTid, tid) == 4);
+    static_assert(sizeof(FdSetT) == 128);
+    static_assert(sizeof(KovaSocketT) == 4 && std::is_signed_v<KovaSocketT>);
+    static_assert(std::is_same_v<uint32_t, std::underlying_type_t<KovaSocketModeT>>);
+    static_assert(sizeof(KovaSocketTypeT) == 4 && sizeof(KovaWaitModeT) == 4);
+    static_assert(sizeof(KovaTimeWrapCounterSingleton) == 24);
+}
+
+TEST(Layout, MessageHeaderIsTheWireFormat) {
+    static_assert(sizeof(sKovaMsgHeader) == 24);
+    static_assert(offsetof(sKovaMsgHeader, size) == 0);
+    static_assert(offsetof(sKovaMsgHeader, magic) == 4);
+    static_assert(offsetof(sKovaMsgHeader, version) == 8);
+    static_assert(offsetof(sKovaMsgHeader, type) == 12);
+    static_assert(offsetof(sKovaMsgHeader, sendTid) == 16);
+    static_assert(offsetof(sKovaMsgHeader, sendTime) == 20);
+    static_assert(std::is_same_v<sKovaMsgHeader, sKovaMsgHeaderT>);
+}
+
+TEST(Layout, Enumerations) {
+    static_assert(KOVA_SOCKET_CLOSED == 0 && KOVA_SOCKET_OPENED == 1 && KOVA_SOCKET_CONNECTED == 3 &&
+                  KOVA_SOCKET_SERVING == 4 && KOVA_SOCKET_ICMP == 5 && KOVA_SOCKET_RAW == 6);
+    static_assert(KOVA_SOCKET_PLAIN == 0 && KOVA_SOCKET_HANDSHAKE == 1);
+    static_assert(KOVA_WAIT_READ == 1 && KOVA_WAIT_WRITE == 2);
+}
+
+TEST(Layout, WrapCounter) {
+    const KovaTimeWrapCounterSingleton counter;
+    ExpectPlaces(
+        {PLACE(counter, m_Counter, 0), PLACE(counter, m_Wraps, 8), PLACE(counter, m_TicksPerSecond, 16)});
+}
+
+TEST(Layout, InetAddr) {
+    const KovaInetAddr address(0, 0);
+    ExpectPlaces({PLACE(address, m_Ip, 4), PLACE(address, m_Port, 20), PLACE(address, m_Text, 22),
+                  PLACE(address, m_PortText, 68), PLACE(address, m_Scope, 76)});
+    static_assert(sizeof address.m_Text == 46 && sizeof address.m_PortText == 8);
+    ExpectSize(80, sizeof address);
+}
+
+// --- Classes with an error record ---
+
+TEST(Layout, BaseObject) {
+    const KovaBaseObject object;
+    ExpectPlaces(
+        {PLACE(object, m_ErrorCode, 4), PLACE(object, m_ErrorLine, 8), PLACE(object, m_ErrorFunction, 12)});
+    ExpectSize(16, sizeof object);
+}
+
+TEST(Layout, SocketWrapper) {
+    const KovaSocketWrapper wrapper;
+    ExpectPlaces({PLACE(wrapper, m_Socket, 4), PLACE(wrapper, m_Mode, 8), PLACE(wrapper, m_Timeout, 12),
+                  PLACE(wrapper, m_Received, 16), PLACE(wrapper, m_Stop, 20), PLACE(wrapper, m_Routing, 21),
+                  PLACE(wrapper, m_Broadcast, 22), PLACE(wrapper, m_Blocking, 23),
+                  PLACE(wrapper, m_Device, 24), PLACE(wrapper, KovaBaseObject::m_ErrorCode, 44)});
+    static_assert(sizeof wrapper.m_Device == 16);
+    ExpectSize(56, sizeof wrapper);
+}
+
+TEST(Layout, TcpSocket) {
+    const KovaTCPSocket socket;
+    ExpectPlaces({PLACE(socket, m_Device, 24), PLACE(socket, m_Type, 40), PLACE(socket, m_Local, 44),
+                  PLACE(socket, m_Peer, 124), PLACE(socket, m_Table, 204), PLACE(socket, m_TableCount, 284),
+                  PLACE(socket, m_AliveTimeout, 288), PLACE(socket, KovaBaseObject::m_ErrorCode, 296)});
+    static_assert(sizeof socket.m_Table == 80);
+    ExpectSize(308, sizeof socket);
+}
+
+TEST(Layout, UdpSocket) {
+    const KovaUDPSocket socket;
+    ExpectPlaces({PLACE(socket, m_Device, 24), PLACE(socket, m_Local, 40), PLACE(socket, m_Peer, 120),
+                  PLACE(socket, m_Bound, 200), PLACE(socket, KovaBaseObject::m_ErrorCode, 208)});
+    ExpectSize(220, sizeof socket);
+}
+
+TEST(Layout, FlatMessage) {
+    const KovaFlatMsg message;
+    ExpectPlaces({PLACE(message, m_ErrorCode, 4), PLACE(message, m_Complete, 16), PLACE(message, m_Addr, 20),
+                  PLACE(message, m_Buffer, 100), PLACE(message, m_Header, 104), PLACE(message, m_Body, 108),
+                  PLACE(message, m_Inline, 112), PLACE(message, m_Capacity, 648)});
+    static_assert(sizeof message.m_Inline == 536);
+    ExpectSize(652, sizeof message);
+}
+
+TEST(Layout, FieldsThatThreadsShareAreLockFreeWords) {
+    static_assert(decltype(KovaBaseObject::m_ErrorCode)::is_always_lock_free);
+    static_assert(decltype(KovaBaseObject::m_ErrorFunction)::is_always_lock_free);
+    static_assert(decltype(KovaSocketWrapper::m_Socket)::is_always_lock_free);
+    static_assert(decltype(KovaSocketWrapper::m_Stop)::is_always_lock_free);
+    static_assert(decltype(KovaSocketWrapper::m_Blocking)::is_always_lock_free);
+    static_assert(sizeof(KovaSocketWrapper::m_Stop) == 1 && sizeof(KovaSocketWrapper::m_Blocking) == 1);
+}
+
+// --- Virtual tables ---
+
+/// Counts how it is destroyed.
+template <typename Class>
+struct Destroyed : Class {
+    using Class::Class;
+    ~Destroyed() override { ++s_Destroyed; }
+    static void operator delete(void* object) {
+        ++s_Deleted;
+        ::operator delete(object);
+    }
+    static inline int s_Destroyed = 0;
+    static inline int s_Deleted = 0;
+};
+
+/// Entry `slot` of an object's virtual table, called with the object alone.
+void CallSlot(void* object, size_t slot) {
+    void (**table)(void*);
+    std::memcpy(&table, object, sizeof table);
+    table[slot](object);
+}
+
+template <typename Class, typename... Args>
+void ExpectDestructorPair(Args... args) {
+    using Object = Destroyed<Class>;
+    void* const memory = ::operator new(sizeof(Object));
+    CallSlot(new (memory) Object(args...), 0);
+    EXPECT_EQ(1, Object::s_Destroyed);
+    EXPECT_EQ(0, Object::s_Deleted) << "the complete-object destructor comes first";
+    CallSlot(new (memory) Object(args...), 1);
+    EXPECT_EQ(2, Object::s_Destroyed);
+    EXPECT_EQ(1, Object::s_Deleted) << "the deleting destructor comes second";
+}
+
+TEST(VirtualTable, BeginsWithTheDestructorPair) {
+    ExpectDestructorPair<KovaBaseObject>();
+    ExpectDestructorPair<KovaInetAddr>(0, 0);
+    ExpectDestructorPair<KovaSocketWrapper>();
+    ExpectDestructorPair<KovaTCPSocket>();
+    ExpectDestructorPair<KovaUDPSocket>();
+    ExpectDestructorPair<KovaFlatMsg>();
+}
+
+/// A class derived from `Class` gets the first slot behind those of `Class`.
+template <typename Class>
+struct Next : Class {
+    using Class::Class;
+    virtual void Own() {}
+};
+
+TEST(VirtualTable, HoldsTheDestructorOnlyOfBaseObjectAddressAndMessage) {
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaBaseObject>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaInetAddr>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaFlatMsg>::Own));
+}
+
+template <typename Class>
+void ExpectWrapperSlots() {
+    EXPECT_EQ(2u, SlotOf(&Class::SetTimeout));
+    EXPECT_EQ(3u, SlotOf(&Class::SetBlocking));
+    EXPECT_EQ(4u, SlotOf(&Class::SetRouting));
+    EXPECT_EQ(5u, SlotOf(&Class::SetBroadcast));
+    EXPECT_EQ(6u, SlotOf(&Class::Open));
+}
+
+TEST(VirtualTable, SocketWrapper) {
+    ExpectWrapperSlots<KovaSocketWrapper>();
+    EXPECT_EQ(7u, SlotOf(&Next<KovaSocketWrapper>::Own));
+}
+
+TEST(VirtualTable, TcpSocket) {
+    ExpectWrapperSlots<KovaTCPSocket>();
+    EXPECT_EQ(7u, SlotOf<void (KovaTCPSocket::*)(bool)>(&KovaTCPSocket::Close));
+    EXPECT_EQ(8u, SlotOf<bool (KovaTCPSocket::*)(const void*, size_t)>(&KovaTCPSocket::Send));
+    EXPECT_EQ(9u, SlotOf<bool (KovaTCPSocket::*)(void*, size_t)>(&KovaTCPSocket::Recv));
+    EXPECT_EQ(10u, SlotOf(&KovaTCPSocket::ServerIntern));
+    EXPECT_EQ(11u, SlotOf(&KovaTCPSocket::ConnectIntern));
+    EXPECT_EQ(12u, SlotOf<KovaTCPSocket* (KovaTCPSocket::*)()>(&KovaTCPSocket::Accept));
+    EXPECT_EQ(13u, SlotOf<void (KovaTCPSocket::*)(KovaTCPSocket*)>(&KovaTCPSocket::CallBack));
+    EXPECT_EQ(14u, SlotOf<void (KovaTCPSocket::*)()>(&KovaTCPSocket::InitComplete));
+    EXPECT_EQ(15u, SlotOf<void (KovaTCPSocket::*)()>(&KovaTCPSocket::DoIdle));
+    EXPECT_EQ(16u, SlotOf(&Next<KovaTCPSocket>::Own));
+}
+
+TEST(VirtualTable, UdpSocket) {
+    using Udp = KovaUDPSocket;
+    ExpectWrapperSlots<Udp>();
+    EXPECT_EQ(7u, SlotOf<bool (Udp::*)(unsigned int, unsigned short)>(&Udp::Server));
+    EXPECT_EQ(8u, SlotOf<bool (Udp::*)(unsigned short)>(&Udp::Server));
+    EXPECT_EQ(9u, SlotOf<bool (Udp::*)(const KovaInetAddr&)>(&Udp::Server));
+    EXPECT_EQ(10u, SlotOf<bool (Udp::*)()>(&Udp::Server));
+    EXPECT_EQ(11u, SlotOf<void (Udp::*)()>(&Udp::Close));
+    EXPECT_EQ(12u, SlotOf<bool (Udp::*)(const void*, size_t, unsigned int, unsigned short)>(&Udp::SendTo));
+    EXPECT_EQ(13u, SlotOf<bool (Udp::*)(const void*, size_t, KovaInetAddr&)>(&Udp::SendTo));
+    EXPECT_EQ(14u, SlotOf(&Udp::RecvFrom));
+    EXPECT_EQ(15u, SlotOf(&Udp::PeekFrom));
+    EXPECT_EQ(16u, SlotOf(&Udp::Shutdown));
+    EXPECT_EQ(17u, SlotOf(&Udp::Bind));
+    EXPECT_EQ(18u, SlotOf<void (Udp::*)()>(&Udp::DoIdle));
+    EXPECT_EQ(19u, SlotOf<void (Udp::*)(Udp*)>(&Udp::CallBack));
+    EXPECT_EQ(20u, SlotOf<void (Udp::*)()>(&Udp::InitComplete));
+    EXPECT_EQ(21u, SlotOf(&Udp::ServerIntern));
+    EXPECT_EQ(22u, SlotOf(&Next<Udp>::Own));
+}
+
+}  // namespace
