@@ -8,3 +8,11 @@ function(kova_target_defaults target)
     "-ffile-prefix-map=${PROJECT_SOURCE_DIR}/="
     $<$<BOOL:${KOVA_WERROR}>:-Werror>)
 endfunction()
+
+# What the address sanitizer lacks on the target is linked into every program.
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "ppc" AND CMAKE_CXX_FLAGS MATCHES "-fsanitize=[a-z,]*address")
+  add_library(kova_sanitizer_sync OBJECT ${PROJECT_SOURCE_DIR}/target/sanitizer/sync.c)
+  target_compile_options(kova_sanitizer_sync PRIVATE -fno-sanitize=all)
+  link_libraries($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:kova_sanitizer_sync>>)
+  link_libraries($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:atomic>)
+endif()

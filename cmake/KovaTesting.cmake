@@ -8,8 +8,8 @@
 # fixtures and helpers of tests/support/leak_check.h; INTERPOSE adds the trace spy and the faked libc, which
 # then take the library's calls.
 #
-# tests/programs of the build tree lists the programs, one path a line, for whatever runs them elsewhere. A
-# cross build has no other use for them.
+# In a build for the target each program is one test, board.TARGET: all its cases run in one process, in one
+# boot of the emulated board. The cases' results are left in tests/board/TARGET/result.xml of the build tree.
 
 include(GoogleTest)
 find_package(Threads REQUIRED)
@@ -48,7 +48,8 @@ endfunction()
 
 add_library(kova_test_common OBJECT
   ${PROJECT_SOURCE_DIR}/tests/support/leak_check.cpp
-  ${PROJECT_SOURCE_DIR}/tests/support/sanitizer_options.cpp)
+  ${PROJECT_SOURCE_DIR}/tests/support/sanitizer_options.cpp
+  ${PROJECT_SOURCE_DIR}/tests/support/second_host.cpp)
 add_library(kova_test_support OBJECT
   ${PROJECT_SOURCE_DIR}/tests/support/fake_libc.cpp
   ${PROJECT_SOURCE_DIR}/tests/support/trace_recorder.cpp)
@@ -69,18 +70,21 @@ function(kova_add_test target)
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/platform/trace_ovra/include)
   target_link_options(${target} PRIVATE -rdynamic)
   set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests/bin)
-  set_property(GLOBAL APPEND PROPERTY KOVA_TEST_PROGRAMS $<TARGET_FILE:${target}>)
 
-  if(NOT CMAKE_CROSSCOMPILING)
+  if(CMAKE_CROSSCOMPILING)
+    kova_add_board_test(${target} --gtest_output=xml:/out/result.xml)
+  else()
     set_target_properties(${target} PROPERTIES CROSSCOMPILING_EMULATOR "${KOVA_TEST_LAUNCHER}")
     gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
       PROPERTIES TIMEOUT 120 LABELS "${arg_LABELS}")
   endif()
 endfunction()
 
-# kova_write_test_list(): after the last kova_add_test, writes tests/programs.
-function(kova_write_test_list)
-  get_property(programs GLOBAL PROPERTY KOVA_TEST_PROGRAMS)
-  list(JOIN programs "\n" lines)
-  file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/tests/programs CONTENT "${lines}\n")
+# kova_add_board_test(TARGET [ARGUMENT...]): runs a program on the board; what it leaves in /out is copied to
+# tests/board/TARGET of the build tree.
+function(kova_add_board_test target)
+  add_test(NAME board.${target}
+    COMMAND ${PROJECT_SOURCE_DIR}/target/run-on-board --fetch ${PROJECT_BINARY_DIR}/tests/board/${target}
+            $<TARGET_FILE:${target}> ${ARGN})
+  set_tests_properties(board.${target} PROPERTIES LABELS board TIMEOUT 600)
 endfunction()

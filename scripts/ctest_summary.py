@@ -1,16 +1,31 @@
 #!/usr/bin/env python3
-"""Turns ctest's JUnit file into a readable summary.
+"""Turns ctest's results into a readable summary.
 
-ctest_summary.py PLATFORM JUNIT-FILE CTEST-STATUS
+ctest_summary.py PLATFORM BUILD-TREE CTEST-STATUS
 
 Names every failed test with the end of its output and every skipped one with its reason, then prints the
 counts. The last line, for the caller, is "PASSED FAILED SKIPPED".
+
+A test board.PROGRAM of ctest is a whole program that ran on the board; its cases count, as it left them in
+tests/board/PROGRAM/result.xml.
 """
 
+import dataclasses
+import pathlib
 import sys
+import typing
 import xml.etree.ElementTree as ElementTree
 
 OUTPUT_LINES = 40
+
+
+@dataclasses.dataclass
+class Result:
+    """How a test ended: "passed", "failed" or "skipped", with the reason to print."""
+
+    name: str
+    end: str
+    text: str = ""
 
 
 def skip_reason(output: str) -> str:
@@ -28,39 +43,76 @@ def skip_reason(output: str) -> str:
     return texts[-1] if texts else "no reason given"
 
 
+def ctest_result(case: ElementTree.Element) -> Result:
+    name, output = case.get("name", "?"), case.findtext("system-out") or ""
+    skip = case.find("skipped")
+    if case.get("status") == "run":
+        return Result(name, "passed")
+    if case.get("status") == "disabled":
+        return Result(name, "skipped", "disabled")
+    if skip is not None and (skip.get("message") or "").startswith("SKIP_"):
+        return Result(name, "skipped", skip_reason(output))
+    # Failed, or not run at all: a missing program, a fixture that failed.
+    return Result(name, "failed", output)
+
+
+def board_result(program: str, case: ElementTree.Element) -> Result:
+    name = f"{program}: {case.get('classname')}.{case.get('name')}"
+    failures = [failure.text or "" for failure in case.findall("failure")]
+    skip = case.find("skipped")
+    if failures:
+        return Result(name, "failed", "\n".join(failures))
+    if skip is not None:
+        return Result(name, "skipped", " ".join((skip.text or "").splitlines()[1:]))
+    if case.get("status") != "run":
+        return Result(name, "skipped", "disabled")
+    return Result(name, "passed")
+
+
+def board_results(program: Result, tree: pathlib.Path) -> typing.Iterator[Result]:
+    """The cases of a program that ran on the board, and its own result if they do not explain it."""
+    path = tree / "tests" / "board" / program.name.removeprefix("board.") / "result.xml"
+    if not path.exists():
+        yield program
+        return
+    cases = [board_result(program.name, case) for case in ElementTree.parse(path).iter("testcase")]
+    yield from cases
+    if program.end == "failed" and not any(case.end == "failed" for case in cases):
+        yield program
+
+
+def results(tree: pathlib.Path) -> typing.Iterator[Result]:
+    for case in ElementTree.parse(tree / "junit.xml").getroot().findall("testcase"):
+        result = ctest_result(case)
+        if result.name.startswith("board."):
+            yield from board_results(result, tree)
+        else:
+            yield result
+
+
 def main() -> int:
-    platform, path, status = sys.argv[1], sys.argv[2], int(sys.argv[3])
+    platform, tree, status = sys.argv[1], pathlib.Path(sys.argv[2]), int(sys.argv[3])
+    counts = {"passed": 0, "failed": 0, "skipped": 0}
     try:
-        cases = ElementTree.parse(path).getroot().findall("testcase")
+        for result in results(tree):
+            counts[result.end] += 1
+            if result.end == "skipped":
+                print(f"{platform}: skipped {result.name}: {result.text}")
+            elif result.end == "failed":
+                print(f"{platform}: FAILED {result.name}")
+                print("\n".join("    " + line for line in result.text.splitlines()[-OUTPUT_LINES:]))
     except (OSError, ElementTree.ParseError) as error:
         print(f"{platform}: no results: {error}")
         print("0 1 0")
         return 1
 
-    passed, failed, skipped = 0, 0, 0
-    for case in cases:
-        name, output = case.get("name", "?"), case.findtext("system-out") or ""
-        skip = case.find("skipped")
-        if case.get("status") == "run":
-            passed += 1
-        elif case.get("status") == "disabled":
-            skipped += 1
-            print(f"{platform}: skipped {name}: disabled")
-        elif skip is not None and (skip.get("message") or "").startswith("SKIP_"):
-            skipped += 1
-            print(f"{platform}: skipped {name}: {skip_reason(output)}")
-        else:
-            # Failed, or not run at all: a missing program, a fixture that failed.
-            failed += 1
-            print(f"{platform}: FAILED {name}")
-            print("\n".join("    " + line for line in output.splitlines()[-OUTPUT_LINES:]))
-    if status != 0 and failed == 0:
-        failed = 1
+    if status != 0 and counts["failed"] == 0:
+        counts["failed"] = 1
         print(f"{platform}: ctest ended with status {status} without naming a failed test")
-    if passed + failed + skipped == 0:
+    if not any(counts.values()):
         print(f"{platform}: no test ran")
-    print(f"{platform}: {passed} passed, {failed} failed, {skipped} skipped")
-    print(passed, failed, skipped)
+    print(f"{platform}: " + ", ".join(f"{count} {end}" for end, count in counts.items()))
+    print(*counts.values())
     return 0
 
 

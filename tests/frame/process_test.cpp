@@ -1,5 +1,6 @@
 #include "support/fake_libc.h"
 #include "support/leak_check.h"
+#include "support/own_machine.h"
 #include "support/trace_recorder.h"
 
 #include <kova/process.h>
@@ -226,6 +227,13 @@ class ProcessLimit : public Process, public testing::WithParamInterface<Limit> {
         return "setrlimit " + std::string(GetParam().resource) + " " + limits;
     }
 
+    /// Whether the process has this current limit, and no maximum.
+    bool Holds(rlim_t current) const {
+        rlimit limit{};
+        EXPECT_EQ(0, ::getrlimit(GetParam().number, &limit));
+        return limit.rlim_cur == current && limit.rlim_max == RLIM_INFINITY;
+    }
+
     fake::Journal m_Journal{{&fake::setrlimit}};
 };
 
@@ -281,6 +289,35 @@ TEST_P(ProcessLimit, HoldsForTheProcess) {
         EXPECT_EQ(0, ::getrlimit(GetParam().number, &limit));
         // Where the maximum was finite, and may not be raised, nothing has changed and a record says so.
         EXPECT_TRUE(limit.rlim_cur == rlim_t{64 << 20} || m_Recorder.Count(kLimitFailed) != 0);
+    });
+    EXPECT_EQ(0, child.exit_code) << child.output;
+}
+
+TEST_P(ProcessLimit, RaisesAMaximumThatWasLowered) {
+    KOVA_NEEDS_OWN_MACHINE("raises hard limits");
+    const ChildResult child = RunInChild([this] {
+        const rlimit low{64 << 20, 128 << 20};
+        ASSERT_EQ(0, ::setrlimit(GetParam().number, &low));
+        EXPECT_EQ(0, Set(256 << 20));
+        EXPECT_TRUE(Holds(256 << 20));
+        ASSERT_EQ(0, ::setrlimit(GetParam().number, &low));
+        EXPECT_EQ(0, Set(ULONG_MAX));
+        EXPECT_TRUE(Holds(RLIM_INFINITY));
+        EXPECT_EQ(0u, m_Recorder.All().size());
+    });
+    EXPECT_EQ(0, child.exit_code) << child.output;
+}
+
+TEST_F(Process, CoredumpIsEnabledWhereItWasForbidden) {
+    KOVA_NEEDS_OWN_MACHINE("raises hard limits");
+    const ChildResult child = RunInChild([] {
+        const rlimit none{0, 0};
+        ASSERT_EQ(0, ::setrlimit(RLIMIT_CORE, &none));
+        EXPECT_EQ(0, KovaEnableCoredump());
+        rlimit limit{};
+        EXPECT_EQ(0, ::getrlimit(RLIMIT_CORE, &limit));
+        EXPECT_EQ(RLIM_INFINITY, limit.rlim_cur);
+        EXPECT_EQ(RLIM_INFINITY, limit.rlim_max);
     });
     EXPECT_EQ(0, child.exit_code) << child.output;
 }

@@ -76,24 +76,23 @@ constexpr size_t kFirstSlot = 2;
 // --- Records and values ---
 
 TEST(Layout, Records) {
-    static_assert(sizeof(KovaTimeSpec) == 8 && offsetof(KovaTimeSpec, seconds) == 0 &&
-                  offsetof(KovaTimeSpec, milliseconds) == 4);
-    static_assert(sizeof(KovaPTid) == 8 && offsetof(KovaPTid, pid) == 0 && offsetof(KovaPTid, tid) == 4);
+    const KovaTimeSpec time{};
+    ExpectPlaces({PLACE(time, seconds, 0), PLACE(time, milliseconds, 4)});
+    static_assert(sizeof time == 8);
+    const KovaPTid id{};
+    ExpectPlaces({PLACE(id, pid, 0), PLACE(id, tid, 4)});
+    static_assert(sizeof id == 8);
     static_assert(sizeof(FdSetT) == 128);
     static_assert(sizeof(KovaSocketT) == 4 && std::is_signed_v<KovaSocketT>);
     static_assert(std::is_same_v<uint32_t, std::underlying_type_t<KovaSocketModeT>>);
     static_assert(sizeof(KovaSocketTypeT) == 4 && sizeof(KovaWaitModeT) == 4);
-    static_assert(sizeof(KovaTimeWrapCounterSingleton) == 24);
 }
 
 TEST(Layout, MessageHeaderIsTheWireFormat) {
-    static_assert(sizeof(sKovaMsgHeader) == 24);
-    static_assert(offsetof(sKovaMsgHeader, size) == 0);
-    static_assert(offsetof(sKovaMsgHeader, magic) == 4);
-    static_assert(offsetof(sKovaMsgHeader, version) == 8);
-    static_assert(offsetof(sKovaMsgHeader, type) == 12);
-    static_assert(offsetof(sKovaMsgHeader, sendTid) == 16);
-    static_assert(offsetof(sKovaMsgHeader, sendTime) == 20);
+    const sKovaMsgHeader header{};
+    ExpectPlaces({PLACE(header, size, 0), PLACE(header, magic, 4), PLACE(header, version, 8),
+                  PLACE(header, type, 12), PLACE(header, sendTid, 16), PLACE(header, sendTime, 20)});
+    static_assert(sizeof header == 24);
     static_assert(std::is_same_v<sKovaMsgHeader, sKovaMsgHeaderT>);
 }
 
@@ -108,6 +107,7 @@ TEST(Layout, WrapCounter) {
     const KovaTimeWrapCounterSingleton counter;
     ExpectPlaces(
         {PLACE(counter, m_Counter, 0), PLACE(counter, m_Wraps, 8), PLACE(counter, m_TicksPerSecond, 16)});
+    static_assert(sizeof counter == 24);
 }
 
 TEST(Layout, InetAddr) {

@@ -1,5 +1,7 @@
 #include "support/fake_libc.h"
 #include "support/leak_check.h"
+#include "support/own_machine.h"
+#include "support/second_host.h"
 #include "support/signal_storm.h"
 #include "support/trace_recorder.h"
 
@@ -1669,6 +1671,65 @@ TEST_F(UdpSocket, SignalStormLosesNothing) {
         ASSERT_EQ(number, answer);
     }
     echo.Join();
+}
+
+// Links and clocks of a machine of its own
+
+/// Gives `link` two VLANs, with the addresses 10.7.0.`last` and 10.8.0.`last`.
+void MakeVlans(const std::string& link, const std::string& last) {
+    for (const std::string id : {"7", "8"}) {
+        const std::string vlan = link + "." + id;
+        Shell("ip link add link " + link + " name " + vlan + " type vlan id " + id);
+        Shell("ip addr add 10." + id + ".0." + last + "/24 dev " + vlan);
+        Shell("ip link set " + vlan + " up");
+    }
+}
+
+TEST_F(UdpSocket, BoundToAVlanLinkHearsItsVlanOnly) {
+    KOVA_NEEDS_OWN_MACHINE("VLAN links");
+    SecondHost other;
+    MakeVlans("kl0", "1");
+    other.Do([] { MakeVlans("kl1", "2"); });
+
+    Udp socket(kPort);
+    EXPECT_TRUE(socket.BindToDevice("kl0.7"));
+    socket.SetTimeout(kLongTimeout);
+    ASSERT_TRUE(socket.Open());
+    ASSERT_TRUE(socket.Bind());
+    other.Do([] {
+        KovaUDPSocket sender;
+        EXPECT_TRUE(sender.SendTo("foreign", 7, Ip4("10.8.0.1"), kPort));
+        EXPECT_TRUE(sender.SendTo("belongs", 7, Ip4("10.7.0.1"), kPort));
+    });
+    char received[8] = {};
+    EXPECT_TRUE(socket.RecvFrom(received, 7));
+    EXPECT_STREQ("belongs", received);
+    EXPECT_EQ(Ip4("10.7.0.2"), socket.GetPeer().GetIp());
+    socket.SetTimeout(kShortTimeout);
+    EXPECT_FALSE(socket.RecvFrom(received, 7)) << "the other VLAN's datagram arrived as well";
+    EXPECT_EQ(ETIMEDOUT, socket.GetError());
+}
+
+TEST_F(UdpSocket, TimeoutIsKeptWhileTheWallClockIsSet) {
+    KOVA_NEEDS_OWN_MACHINE("sets the wall clock");
+    constexpr int kTimeout = 300;
+    for (const time_t jump : {86400, -86400}) {
+        SCOPED_TRACE(jump);
+        auto socket = Bound();
+        socket->SetTimeout(kTimeout);
+        WallClockShift shift;
+        const int64_t start = NowMs();
+        DeadlineThread receiver([&] {
+            char byte;
+            EXPECT_FALSE(socket->RecvFrom(&byte, 1));
+            EXPECT_EQ(ETIMEDOUT, socket->GetError());
+        });
+        while (NowMs() < start + kTimeout / 3) std::this_thread::yield();
+        EXPECT_FALSE(receiver.HasEnded());
+        shift.By(jump);
+        receiver.Join();
+        EXPECT_GE(NowMs() - start, kTimeout);
+    }
 }
 
 }  // namespace

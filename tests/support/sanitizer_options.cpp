@@ -5,9 +5,15 @@ extern "C" {
 #ifdef __SANITIZE_ADDRESS__
 [[gnu::visibility("default")]] const char* __asan_default_options();
 const char* __asan_default_options() {
-    // Running out of memory is a behaviour of the library, so an allocation may fail.
-    return "allocator_may_return_null=1:detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks="
-           "1";
+    // Running out of memory is a behaviour of the library, so an allocation may fail. Leaks cannot be found
+    // on the target.
+    return "allocator_may_return_null=1:detect_stack_use_after_return=1:strict_string_checks=1"
+#ifndef __powerpc__
+           ":detect_leaks=1"
+#else
+           ":detect_leaks=0"
+#endif
+        ;
 }
 
 [[gnu::visibility("default")]] const char* __ubsan_default_options();

@@ -1,16 +1,19 @@
 #include "support/fake_libc.h"
 #include "support/leak_check.h"
+#include "support/own_machine.h"
 #include "support/trace_recorder.h"
 
 #include <kova/clock.h>
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -174,28 +177,78 @@ TEST_F(FailingClock, RelativeClockIsReadAgainUntilItSucceeds) {
     ExpectRetriedAndTraced();
 }
 
+// Machines whose seconds have 32 bits anyway cannot give such times.
+#if __SIZEOF_LONG__ > 4
 TEST_F(Clock, SecondsWrapAt32BitsOnEveryHost) {
-    if constexpr (sizeof(time_t) == 4) {
-        GTEST_SKIP() << "this machine's seconds have 32 bits anyway";
-    } else {
-        constexpr auto kBeyond = static_cast<time_t>(0x180000001);
-        fake::Always time(fake::time, fake::Return(kBeyond));
-        fake::Always clock(fake::clock_gettime, ClockReads(kBeyond, 0));
-        KovaTimeSpec spec;
-        EXPECT_EQ(kMin + 1, KovaGetRealTime());
-        EXPECT_EQ(kMin + 1, KovaGetRelativeTime());
-        EXPECT_TRUE(Is(*KovaGetRealClock(&spec), kMin + 1, 0));
-        EXPECT_TRUE(Is(*KovaGetRelativeClock(&spec), kMin + 1, 0));
-    }
+    constexpr auto kBeyond = static_cast<time_t>(0x180000001);
+    fake::Always time(fake::time, fake::Return(kBeyond));
+    fake::Always clock(fake::clock_gettime, ClockReads(kBeyond, 0));
+    KovaTimeSpec spec;
+    EXPECT_EQ(kMin + 1, KovaGetRealTime());
+    EXPECT_EQ(kMin + 1, KovaGetRelativeTime());
+    EXPECT_TRUE(Is(*KovaGetRealClock(&spec), kMin + 1, 0));
+    EXPECT_TRUE(Is(*KovaGetRelativeClock(&spec), kMin + 1, 0));
 }
 
 TEST_F(Clock, TimeWhoseLow32BitsAreAllOnesIsNoFailure) {
-    if constexpr (sizeof(time_t) == 4) {
-        GTEST_SKIP() << "this machine's seconds have 32 bits: such a time is a failure";
-    } else {
-        fake::Script time(fake::time, {fake::Return(static_cast<time_t>(0xFFFFFFFF))});
-        EXPECT_EQ(-1, KovaGetRealTime());
-        EXPECT_EQ(0u, m_Recorder.All().size());
+    fake::Script time(fake::time, {fake::Return(static_cast<time_t>(0xFFFFFFFF))});
+    EXPECT_EQ(-1, KovaGetRealTime());
+    EXPECT_EQ(0u, m_Recorder.All().size());
+}
+#endif
+
+// --- A wall clock that is set ---
+
+constexpr int32_t kDay = 86400;
+
+class SetWallClock : public Clock {
+  protected:
+    void SetUp() override { KOVA_NEEDS_OWN_MACHINE("sets the wall clock"); }
+    static bool Near(int32_t a, int32_t b) { return KovaRelativeDiffTime(a, b) <= 2; }
+};
+
+TEST_F(SetWallClock, IsFollowedByTheRealClockOnly) {
+    const int32_t real = KovaGetRealTime();
+    const int32_t relative = KovaGetRelativeTime();
+    const uint64_t tod = KovaGetTod();
+    WallClockShift shift;
+    for (const int32_t days : {1, -2}) {
+        SCOPED_TRACE(days);
+        shift.By(days * kDay);
+        const int32_t total = days == 1 ? kDay : -kDay;
+        KovaTimeSpec spec;
+        EXPECT_PRED2(Near, real + total, KovaGetRealTime());
+        EXPECT_PRED2(Near, real + total, KovaGetRealClock(&spec)->seconds);
+        EXPECT_PRED2(Near, relative, KovaGetRelativeTime());
+        EXPECT_PRED2(Near, relative, KovaGetRelativeClock(&spec)->seconds);
+        EXPECT_EQ(total > 0, KovaGetTod() > tod);
+    }
+}
+
+TEST_F(SetWallClock, MovesThePastOfTheMonotonicClock) {
+    const int32_t relative = KovaGetRelativeTime();
+    const int32_t real = KovaGetRealFromRelativeTime(relative);
+    WallClockShift shift;
+    shift.By(kDay);
+    EXPECT_PRED2(Near, real + kDay, KovaGetRealFromRelativeTime(relative));
+}
+
+TEST_F(SetWallClock, NeitherShortensNorProlongsASleep) {
+    constexpr int32_t kSleepMs = 200;
+    for (const int32_t jump : {kDay, -kDay}) {
+        SCOPED_TRACE(jump);
+        WallClockShift shift;
+        std::atomic<bool> slept = false;
+        const int64_t start = NowMs();
+        DeadlineThread sleeper([&] {
+            EXPECT_EQ(0, KovaMilliSleep(kSleepMs));
+            slept = true;
+        });
+        while (NowMs() < start + kSleepMs / 4) ::sched_yield();
+        shift.By(jump);
+        EXPECT_FALSE(slept);
+        sleeper.Join();
+        EXPECT_GE(NowMs() - start, kSleepMs);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "trace_ovra.h"
 
+#include "support/own_machine.h"
 #include "test_support.h"
 #include "ticks.h"
 #include "trace_ovra_hash.h"
@@ -9,6 +10,7 @@
 #include <errno.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sched.h>
 #include <signal.h>
 #include <stddef.h>
 #include <sys/prctl.h>
@@ -18,6 +20,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <set>
 #include <thread>
@@ -614,6 +617,39 @@ TEST_F(TraceOvraConcurrency, ThreadsThatOpenOneNameGetOneBuffer) {
         for (std::thread& thread : threads) thread.join();
         EXPECT_EQ(std::set<uint32_t>(handles.begin(), handles.end()).size(), 1u);
         EXPECT_EQ(MustRead("RACE").written, kThreads);
+    })));
+}
+
+// A lock or a wait inside a write would never end here: the regular writer cannot run before the urgent one
+// sleeps.
+TEST_F(TraceOvraConcurrency, RealTimeWriterNeverWaitsForTheWriterItInterrupts) {
+    KOVA_NEEDS_OWN_MACHINE("real-time priorities");
+    EXPECT_TRUE(Passed(InChild([] {
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(0, &one);
+        ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+        const uint32_t handle = MustOpen("URGENT");
+        std::atomic<bool> end{false};
+        std::atomic<uint32_t> regular_records{0};
+        std::thread regular([&] {
+            for (; !end; ++regular_records) WriteEmpty(handle);
+        });
+
+        constexpr uint32_t kBursts = 300;
+        constexpr uint32_t kBurst = 100;
+        const sched_param priority{.sched_priority = 50};
+        ASSERT_EQ(sched_setscheduler(0, SCHED_FIFO, &priority), 0);
+        for (uint32_t burst = 0; burst < kBursts; ++burst) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            const uint32_t before = regular_records;
+            for (uint32_t i = 0; i < kBurst; ++i) WriteEmpty(handle);
+            EXPECT_EQ(before, regular_records);
+        }
+        end = true;
+        regular.join();
+        EXPECT_GT(regular_records, kBursts);
+        EXPECT_EQ(MustRead("URGENT").written, kBursts * kBurst + regular_records);
     })));
 }
 
