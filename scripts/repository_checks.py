@@ -15,8 +15,8 @@ import sys
 from collections.abc import Iterator
 from pathlib import Path
 
-# Projects of their own, built by the tests.
-BUILT_ELSEWHERE = ("tests/install/outside/",)
+# Projects of their own, built by the tests, and what is built for the target only.
+BUILT_ELSEWHERE = ("tests/install/outside/", "target/", "tests/target/")
 SKIPPED_DIRECTORIES = {".git", "build", ".cache", "__pycache__"}
 # The brackets keep this file from finding itself.
 FORBIDDEN = re.compile(
