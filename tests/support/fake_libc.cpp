@@ -8,16 +8,17 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sched.h>
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include <sanitizer/common_interface_defs.h>
+#endif
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <mutex>
 #include <ostream>
 #include <sstream>
 
@@ -50,9 +51,42 @@ constinit Hook<int(void**, int)> backtrace{"backtrace"};
 constinit Hook<char**(void* const*, int)> backtrace_symbols{"backtrace_symbols"};
 constinit Hook<void()> abort{"abort", kNeverReturns};
 constinit Hook<pid_t()> getpid{"getpid"};
+constinit Hook<uid_t()> geteuid{"geteuid"};
 constinit Hook<long(long, long, long, long, long, long, long)> syscall{"syscall"};
 constinit Hook<long(int)> sysconf{"sysconf"};
 constinit Hook<int(pthread_key_t*, void (*)(void*))> pthread_key_create{"pthread_key_create"};
+constinit Hook<int(pthread_mutexattr_t*)> pthread_mutexattr_init{"pthread_mutexattr_init"};
+constinit Hook<int(pthread_mutexattr_t*, int)> pthread_mutexattr_settype{"pthread_mutexattr_settype"};
+constinit Hook<int(pthread_mutexattr_t*)> pthread_mutexattr_destroy{"pthread_mutexattr_destroy"};
+constinit Hook<int(pthread_mutex_t*, const pthread_mutexattr_t*)> pthread_mutex_init{"pthread_mutex_init"};
+constinit Hook<int(pthread_mutex_t*)> pthread_mutex_destroy{"pthread_mutex_destroy"};
+constinit Hook<int(pthread_mutex_t*)> pthread_mutex_lock{"pthread_mutex_lock"};
+constinit Hook<int(pthread_mutex_t*)> pthread_mutex_trylock{"pthread_mutex_trylock"};
+constinit Hook<int(pthread_mutex_t*)> pthread_mutex_unlock{"pthread_mutex_unlock"};
+constinit Hook<int(pthread_condattr_t*)> pthread_condattr_init{"pthread_condattr_init"};
+constinit Hook<int(pthread_condattr_t*, clockid_t)> pthread_condattr_setclock{"pthread_condattr_setclock"};
+constinit Hook<int(pthread_condattr_t*)> pthread_condattr_destroy{"pthread_condattr_destroy"};
+constinit Hook<int(pthread_cond_t*, const pthread_condattr_t*)> pthread_cond_init{"pthread_cond_init"};
+constinit Hook<int(pthread_cond_t*)> pthread_cond_destroy{"pthread_cond_destroy"};
+constinit Hook<int(pthread_cond_t*)> pthread_cond_signal{"pthread_cond_signal"};
+constinit Hook<int(pthread_cond_t*, pthread_mutex_t*)> pthread_cond_wait{"pthread_cond_wait"};
+constinit Hook<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> pthread_cond_timedwait{
+    "pthread_cond_timedwait"};
+constinit Hook<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create{
+    "pthread_create"};
+constinit Hook<int(pthread_attr_t*)> pthread_attr_init{"pthread_attr_init"};
+constinit Hook<int(pthread_attr_t*)> pthread_attr_destroy{"pthread_attr_destroy"};
+constinit Hook<int(pthread_attr_t*, size_t)> pthread_attr_setstacksize{"pthread_attr_setstacksize"};
+constinit Hook<int(pthread_attr_t*, int)> pthread_attr_setdetachstate{"pthread_attr_setdetachstate"};
+constinit Hook<int(pthread_attr_t*, int)> pthread_attr_setschedpolicy{"pthread_attr_setschedpolicy"};
+constinit Hook<int(const pthread_attr_t*, sched_param*)> pthread_attr_getschedparam{
+    "pthread_attr_getschedparam"};
+constinit Hook<int(pthread_attr_t*, const sched_param*)> pthread_attr_setschedparam{
+    "pthread_attr_setschedparam"};
+constinit Hook<int(pthread_t, int*, sched_param*)> pthread_getschedparam{"pthread_getschedparam"};
+constinit Hook<int(pthread_t, int, const sched_param*)> pthread_setschedparam{"pthread_setschedparam"};
+constinit Hook<void()> pthread_testcancel{"pthread_testcancel"};
+constinit Hook<void*(size_t)> new_throwing{sizeof(size_t) == 4 ? "_Znwj" : "_Znwm"};
 constinit Hook<void*(size_t, const std::nothrow_t&)> new_nothrow{sizeof(size_t) == 4 ? "_ZnwjRKSt9nothrow_t"
                                                                                      : "_ZnwmRKSt9nothrow_t"};
 constinit Hook<void*(size_t, const std::nothrow_t&)> new_array_nothrow{
@@ -60,33 +94,33 @@ constinit Hook<void*(size_t, const std::nothrow_t&)> new_array_nothrow{
 
 namespace {
 
-constinit std::mutex g_Mutex;
-/// Never destroyed: threads may still be on their way while the process ends.
-std::condition_variable& CallEnded() {
-    static auto* const ended = new std::condition_variable;
-    return *ended;
-}
+// Never destroyed: threads may still be on their way while the process ends. Used by their real functions
+// only, because those of the C++ library come here.
+pthread_mutex_t g_Mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_CallEnded = PTHREAD_COND_INITIALIZER;
 thread_local int t_Inside = 0;
 
 }  // namespace
 
 namespace detail {
 
-void Lock() { g_Mutex.lock(); }
-void Unlock() { g_Mutex.unlock(); }
-
-void WaitForEndOfCall() {
-    std::unique_lock lock(g_Mutex, std::adopt_lock);
-    CallEnded().wait(lock);
-    lock.release();
+// Calls under the lock are real: the runtime of a sanitizer may make some at any moment.
+void Lock() {
+    ++t_Inside;
+    pthread_mutex_lock.Real(&g_Mutex);
 }
-
-void SignalEndOfCall() { CallEnded().notify_all(); }
+void Unlock() {
+    pthread_mutex_unlock.Real(&g_Mutex);
+    --t_Inside;
+}
+void WaitForEndOfCall() { pthread_cond_wait.Real(&g_CallEnded, &g_Mutex); }
+void SignalEndOfCall() { ::pthread_cond_broadcast(&g_CallEnded); }
 
 bool IsInside() { return t_Inside != 0; }
 Inside::Inside() { ++t_Inside; }
 Inside::~Inside() { --t_Inside; }
 
+/// The version that a program would be linked with: since glibc 2.36 also for the conditions, which have two.
 FAKE_UNINSTRUMENTED void* FindReal(const char* name) { return ::dlsym(RTLD_NEXT, name); }
 
 pid_t ThisThread() { return ::gettid(); }
@@ -140,6 +174,13 @@ constexpr Name kCommands[] = {{F_GETFD, "F_GETFD"}, {F_SETFD, "F_SETFD"}, {F_GET
 constexpr Name kResources[] = {
     {RLIMIT_CORE, "RLIMIT_CORE"}, {RLIMIT_STACK, "RLIMIT_STACK"}, {RLIMIT_DATA, "RLIMIT_DATA"}};
 constexpr Name kClocks[] = {{CLOCK_REALTIME, "CLOCK_REALTIME"}, {CLOCK_MONOTONIC, "CLOCK_MONOTONIC"}};
+constexpr Name kMutexTypes[] = {{PTHREAD_MUTEX_NORMAL, "PTHREAD_MUTEX_NORMAL"},
+                                {PTHREAD_MUTEX_RECURSIVE, "PTHREAD_MUTEX_RECURSIVE"},
+                                {PTHREAD_MUTEX_ERRORCHECK, "PTHREAD_MUTEX_ERRORCHECK"}};
+constexpr Name kDetachStates[] = {{PTHREAD_CREATE_JOINABLE, "PTHREAD_CREATE_JOINABLE"},
+                                  {PTHREAD_CREATE_DETACHED, "PTHREAD_CREATE_DETACHED"}};
+constexpr Name kPolicies[] = {
+    {SCHED_OTHER, "SCHED_OTHER"}, {SCHED_FIFO, "SCHED_FIFO"}, {SCHED_RR, "SCHED_RR"}};
 
 template <typename... Parts>
 std::string Words(const Parts&... parts) {
@@ -267,10 +308,6 @@ Notes& TheNotes() {
     return *notes;
 }
 
-int g_JournalIsOpen = 0;
-
-FAKE_UNINSTRUMENTED bool JournalIsOpen() { return __atomic_load_n(&g_JournalIsOpen, __ATOMIC_RELAXED) != 0; }
-
 const std::vector<const AnyHook*>& DefaultHooks() {
     static const std::vector<const AnyHook*> hooks{
         &socket,      &accept,   &bind,      &listen,      &connect,   &send,       &sendto,     &recv,
@@ -293,7 +330,7 @@ class Note {
   public:
     template <typename Describe>
     Note(const AnyHook& hook, Describe describe) {
-        if (!JournalIsOpen()) return;
+        if (!hook.IsNoted()) return;
         const int saved = errno;
         {
             const detail::Guard guard;
@@ -344,7 +381,7 @@ class Note {
 template <typename Result, typename... Args, typename Describe>
 FAKE_UNINSTRUMENTED Result Call(Hook<Result(Args...)>& hook, Describe describe,
                                 std::type_identity_t<Args>... args) {
-    if (!hook.IsArmed() && !JournalIsOpen()) return hook.Real(args...);
+    if (!hook.IsArmed() && !hook.IsNoted()) return hook.Real(args...);
     if (detail::IsInside()) return hook.Real(args...);
     Note note(hook, describe);
     if constexpr (std::is_void_v<Result>) {
@@ -354,6 +391,19 @@ FAKE_UNINSTRUMENTED Result Call(Hook<Result(Args...)>& hook, Describe describe,
         note.SetResult(result);
         return result;
     }
+}
+
+/// Whether a call comes from the run-time library of a sanitizer, which makes some on threads that are not
+/// yet fit for instrumented code.
+FAKE_UNINSTRUMENTED bool IsSanitizers([[maybe_unused]] const void* caller) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    Dl_info library{};
+    Dl_info its{};
+    return ::dladdr(reinterpret_cast<const void*>(&__sanitizer_print_stack_trace), &library) != 0 &&
+           ::dladdr(caller, &its) != 0 && its.dli_fbase == library.dli_fbase;
+#else
+    return false;
+#endif
 }
 
 Entry Plain(std::string text = {}) { return {{}, std::move(text), -1, {}, 0, 0, 0}; }
@@ -373,7 +423,7 @@ void Open(std::vector<const AnyHook*> hooks, Threads threads) {
     notes.thread = threads == kThisThread ? detail::ThisThread() : 0;
     notes.hooks = std::move(hooks);
     notes.entries.clear();
-    __atomic_store_n(&g_JournalIsOpen, 1, __ATOMIC_RELAXED);
+    for (const AnyHook* const hook : notes.hooks) hook->SetNoted(true);
 }
 
 template <typename Wanted>
@@ -393,7 +443,7 @@ Journal::Journal(std::initializer_list<const AnyHook*> hooks, Threads threads) {
 
 Journal::~Journal() {
     const detail::Guard guard;
-    __atomic_store_n(&g_JournalIsOpen, 0, __ATOMIC_RELAXED);
+    for (const AnyHook* const hook : TheNotes().hooks) hook->SetNoted(false);
     TheNotes().open = false;
     TheNotes().entries = {};
     TheNotes().hooks = {};
@@ -598,6 +648,10 @@ FAKE_UNINSTRUMENTED pid_t getpid() noexcept {
     return Call(fake::getpid, [] { return Plain(); });
 }
 
+FAKE_UNINSTRUMENTED uid_t geteuid() noexcept {
+    return Call(fake::geteuid, [] { return Plain(); });
+}
+
 FAKE_UNINSTRUMENTED long syscall(long number, ...) noexcept {
     va_list arguments;
     va_start(arguments, number);
@@ -617,6 +671,162 @@ FAKE_UNINSTRUMENTED int pthread_key_create(pthread_key_t* key, void (*destructor
     return Call(
         fake::pthread_key_create, [] { return Plain(); }, key, destructor);
 }
+
+FAKE_UNINSTRUMENTED int pthread_mutexattr_init(pthread_mutexattr_t* attributes) noexcept {
+    return Call(
+        fake::pthread_mutexattr_init, [] { return Plain(); }, attributes);
+}
+
+FAKE_UNINSTRUMENTED int pthread_mutexattr_settype(pthread_mutexattr_t* attributes, int type) noexcept {
+    return Call(
+        fake::pthread_mutexattr_settype, [&] { return Plain(NameOf(type, kMutexTypes)); }, attributes, type);
+}
+
+FAKE_UNINSTRUMENTED int pthread_mutexattr_destroy(pthread_mutexattr_t* attributes) noexcept {
+    return Call(
+        fake::pthread_mutexattr_destroy, [] { return Plain(); }, attributes);
+}
+
+FAKE_UNINSTRUMENTED int pthread_mutex_init(pthread_mutex_t* mutex,
+                                           const pthread_mutexattr_t* attributes) noexcept {
+    return Call(
+        fake::pthread_mutex_init, [] { return Plain(); }, mutex, attributes);
+}
+
+FAKE_UNINSTRUMENTED int pthread_mutex_destroy(pthread_mutex_t* mutex) noexcept {
+    return Call(
+        fake::pthread_mutex_destroy, [] { return Plain(); }, mutex);
+}
+
+FAKE_UNINSTRUMENTED int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
+    return Call(
+        fake::pthread_mutex_lock, [] { return Plain(); }, mutex);
+}
+
+FAKE_UNINSTRUMENTED int pthread_mutex_trylock(pthread_mutex_t* mutex) noexcept {
+    return Call(
+        fake::pthread_mutex_trylock, [] { return Plain(); }, mutex);
+}
+
+FAKE_UNINSTRUMENTED int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
+    return Call(
+        fake::pthread_mutex_unlock, [] { return Plain(); }, mutex);
+}
+
+FAKE_UNINSTRUMENTED int pthread_condattr_init(pthread_condattr_t* attributes) noexcept {
+    return Call(
+        fake::pthread_condattr_init, [] { return Plain(); }, attributes);
+}
+
+FAKE_UNINSTRUMENTED int pthread_condattr_setclock(pthread_condattr_t* attributes, clockid_t clock) noexcept {
+    return Call(
+        fake::pthread_condattr_setclock, [&] { return Plain(NameOf(clock, kClocks)); }, attributes, clock);
+}
+
+FAKE_UNINSTRUMENTED int pthread_condattr_destroy(pthread_condattr_t* attributes) noexcept {
+    return Call(
+        fake::pthread_condattr_destroy, [] { return Plain(); }, attributes);
+}
+
+FAKE_UNINSTRUMENTED int pthread_cond_init(pthread_cond_t* condition,
+                                          const pthread_condattr_t* attributes) noexcept {
+    return Call(
+        fake::pthread_cond_init, [] { return Plain(); }, condition, attributes);
+}
+
+FAKE_UNINSTRUMENTED int pthread_cond_destroy(pthread_cond_t* condition) noexcept {
+    return Call(
+        fake::pthread_cond_destroy, [] { return Plain(); }, condition);
+}
+
+FAKE_UNINSTRUMENTED int pthread_cond_signal(pthread_cond_t* condition) noexcept {
+    return Call(
+        fake::pthread_cond_signal, [] { return Plain(); }, condition);
+}
+
+FAKE_UNINSTRUMENTED int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+    return Call(
+        fake::pthread_cond_wait, [] { return Plain(); }, condition, mutex);
+}
+
+FAKE_UNINSTRUMENTED int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
+                                               const timespec* deadline) {
+    return Call(
+        fake::pthread_cond_timedwait, [&] { return Plain(Duration(deadline)); }, condition, mutex, deadline);
+}
+
+FAKE_UNINSTRUMENTED int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                                       void* (*run)(void*), void* argument) noexcept {
+    return Call(
+        fake::pthread_create, [] { return Plain(); }, thread, attributes, run, argument);
+}
+
+FAKE_UNINSTRUMENTED int pthread_attr_init(pthread_attr_t* attributes) noexcept {
+    if (IsSanitizers(__builtin_return_address(0))) return fake::pthread_attr_init.Real(attributes);
+    return Call(
+        fake::pthread_attr_init, [] { return Plain(); }, attributes);
+}
+
+FAKE_UNINSTRUMENTED int pthread_attr_destroy(pthread_attr_t* attributes) noexcept {
+    if (IsSanitizers(__builtin_return_address(0))) return fake::pthread_attr_destroy.Real(attributes);
+    return Call(
+        fake::pthread_attr_destroy, [] { return Plain(); }, attributes);
+}
+
+FAKE_UNINSTRUMENTED int pthread_attr_setstacksize(pthread_attr_t* attributes, size_t size) noexcept {
+    if (IsSanitizers(__builtin_return_address(0)))
+        return fake::pthread_attr_setstacksize.Real(attributes, size);
+    return Call(
+        fake::pthread_attr_setstacksize, [&] { return Plain(Words(size)); }, attributes, size);
+}
+
+FAKE_UNINSTRUMENTED int pthread_attr_setdetachstate(pthread_attr_t* attributes, int state) noexcept {
+    return Call(
+        fake::pthread_attr_setdetachstate, [&] { return Plain(NameOf(state, kDetachStates)); }, attributes,
+        state);
+}
+
+FAKE_UNINSTRUMENTED int pthread_attr_setschedpolicy(pthread_attr_t* attributes, int policy) noexcept {
+    return Call(
+        fake::pthread_attr_setschedpolicy, [&] { return Plain(NameOf(policy, kPolicies)); }, attributes,
+        policy);
+}
+
+FAKE_UNINSTRUMENTED int pthread_attr_getschedparam(const pthread_attr_t* attributes,
+                                                   sched_param* scheduling) noexcept {
+    return Call(
+        fake::pthread_attr_getschedparam, [] { return Plain(); }, attributes, scheduling);
+}
+
+FAKE_UNINSTRUMENTED int pthread_attr_setschedparam(pthread_attr_t* attributes,
+                                                   const sched_param* scheduling) noexcept {
+    return Call(
+        fake::pthread_attr_setschedparam, [&] { return Plain(Words(scheduling->sched_priority)); },
+        attributes, scheduling);
+}
+
+FAKE_UNINSTRUMENTED int pthread_getschedparam(pthread_t thread, int* policy,
+                                              sched_param* scheduling) noexcept {
+    return Call(
+        fake::pthread_getschedparam, [] { return Plain(); }, thread, policy, scheduling);
+}
+
+FAKE_UNINSTRUMENTED int pthread_setschedparam(pthread_t thread, int policy,
+                                              const sched_param* scheduling) noexcept {
+    return Call(
+        fake::pthread_setschedparam,
+        [&] { return Plain(Words(NameOf(policy, kPolicies), scheduling->sched_priority)); }, thread, policy,
+        scheduling);
+}
+
+FAKE_UNINSTRUMENTED void pthread_testcancel() {
+    Call(fake::pthread_testcancel, [] { return Plain(); });
+}
+}
+
+FAKE_UNINSTRUMENTED void* operator new(size_t size) {
+    return Call(
+        fake::new_throwing, [&] { return Plain(Words(size)); }, size);
 }
 
 FAKE_UNINSTRUMENTED void* operator new(size_t size, const std::nothrow_t& tag) noexcept {

@@ -20,13 +20,17 @@
 ///     EXPECT_EQ(journal.Texts(), (std::vector<std::string>{"socket AF_INET6 SOCK_DGRAM 0", "fcntl F_SETFD
 ///     1", ...}));
 ///
-/// Inside a scope's function all calls of its thread are real and not noted, and `fake::send.Real(...)`
-/// always is.
+/// Inside a scope's function, and its condition, all calls of its thread are real and not noted, and
+/// `fake::send.Real(...)` always is.
+///
+/// Mutexes, conditions and threads are used by everybody, by GoogleTest and the C++ library too. Arm these
+/// for one thread, or with a `When` that knows the record.
 #ifndef KOVA_TESTS_SUPPORT_FAKE_LIBC_H
 #define KOVA_TESTS_SUPPORT_FAKE_LIBC_H
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -100,16 +104,6 @@ class Action<Result(Args...)> {
 
 namespace detail {
 
-/// Guards the scopes of all hooks.
-void Lock();
-void Unlock();
-struct Guard {
-    Guard() { Lock(); }
-    ~Guard() { Unlock(); }
-};
-void WaitForEndOfCall();  ///< under the lock
-void SignalEndOfCall();   ///< under the lock
-
 /// Whether this thread is inside a scope's function, and marks it as such.
 bool IsInside();
 class Inside {
@@ -117,6 +111,20 @@ class Inside {
     Inside();
     ~Inside();
 };
+
+/// Guards the scopes of all hooks. Its owner's calls are real: they may be of faked locks.
+void Lock();
+void Unlock();
+class Guard {
+  public:
+    Guard() { Lock(); }
+    ~Guard() { Unlock(); }
+
+  private:
+    const Inside m_Inside;
+};
+void WaitForEndOfCall();  ///< under the lock
+void SignalEndOfCall();   ///< under the lock
 
 void* FindReal(const char* name);
 pid_t ThisThread();
@@ -138,11 +146,17 @@ struct ArmedFor<Result(Args...)> {
 class AnyHook {
   public:
     const char* Name() const { return m_Name; }
+    /// Whether the open journal notes this function.
+    FAKE_UNINSTRUMENTED bool IsNoted() const { return __atomic_load_n(&m_IsNoted, __ATOMIC_RELAXED); }
+    void SetNoted(bool noted) const { __atomic_store_n(&m_IsNoted, noted, __ATOMIC_RELAXED); }
 
   protected:
     constexpr explicit AnyHook(const char* name) : m_Name(name) {}
 
     const char* m_Name;
+
+  private:
+    mutable bool m_IsNoted = false;
 };
 
 /// Whether a function returns to its caller. One that does not may be left by siglongjmp.
@@ -300,9 +314,39 @@ extern Hook<char**(void* const*, int)> backtrace_symbols;
 /// A function that replaces it must not return: it may leave with siglongjmp.
 extern Hook<void()> abort;
 extern Hook<pid_t()> getpid;
+extern Hook<uid_t()> geteuid;
 extern Hook<long(long, long, long, long, long, long, long)> syscall;
 extern Hook<long(int)> sysconf;
 extern Hook<int(pthread_key_t*, void (*)(void*))> pthread_key_create;
+extern Hook<int(pthread_mutexattr_t*)> pthread_mutexattr_init;
+extern Hook<int(pthread_mutexattr_t*, int)> pthread_mutexattr_settype;
+extern Hook<int(pthread_mutexattr_t*)> pthread_mutexattr_destroy;
+extern Hook<int(pthread_mutex_t*, const pthread_mutexattr_t*)> pthread_mutex_init;
+extern Hook<int(pthread_mutex_t*)> pthread_mutex_destroy;
+extern Hook<int(pthread_mutex_t*)> pthread_mutex_lock;
+extern Hook<int(pthread_mutex_t*)> pthread_mutex_trylock;
+extern Hook<int(pthread_mutex_t*)> pthread_mutex_unlock;
+extern Hook<int(pthread_condattr_t*)> pthread_condattr_init;
+extern Hook<int(pthread_condattr_t*, clockid_t)> pthread_condattr_setclock;
+extern Hook<int(pthread_condattr_t*)> pthread_condattr_destroy;
+extern Hook<int(pthread_cond_t*, const pthread_condattr_t*)> pthread_cond_init;
+extern Hook<int(pthread_cond_t*)> pthread_cond_destroy;
+extern Hook<int(pthread_cond_t*)> pthread_cond_signal;
+extern Hook<int(pthread_cond_t*, pthread_mutex_t*)> pthread_cond_wait;
+extern Hook<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)> pthread_cond_timedwait;
+extern Hook<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
+extern Hook<int(pthread_attr_t*)> pthread_attr_init;
+extern Hook<int(pthread_attr_t*)> pthread_attr_destroy;
+extern Hook<int(pthread_attr_t*, size_t)> pthread_attr_setstacksize;
+extern Hook<int(pthread_attr_t*, int)> pthread_attr_setdetachstate;
+extern Hook<int(pthread_attr_t*, int)> pthread_attr_setschedpolicy;
+extern Hook<int(const pthread_attr_t*, sched_param*)> pthread_attr_getschedparam;
+extern Hook<int(pthread_attr_t*, const sched_param*)> pthread_attr_setschedparam;
+extern Hook<int(pthread_t, int*, sched_param*)> pthread_getschedparam;
+extern Hook<int(pthread_t, int, const sched_param*)> pthread_setschedparam;
+extern Hook<void()> pthread_testcancel;
+/// `new` of one object; must not give null.
+extern Hook<void*(size_t)> new_throwing;
 /// `new (std::nothrow)` of one object and of an array; Fail gives null.
 extern Hook<void*(size_t, const std::nothrow_t&)> new_nothrow;
 extern Hook<void*(size_t, const std::nothrow_t&)> new_array_nothrow;
@@ -390,8 +434,8 @@ void PrintTo(const Entry& entry, std::ostream* stream);
 /// The calls made while it lives. One at a time.
 class Journal {
   public:
-    /// Notes sockets, descriptors and sleeps: everything but clocks, ids, `sysconf`, `syscall`, memory and
-    /// the back-trace.
+    /// Notes sockets, descriptors and sleeps: everything but clocks, ids, `sysconf`, `syscall`, memory, the
+    /// back-trace, locks and threads.
     explicit Journal(Threads threads = kAllThreads);
     /// Notes these functions only.
     explicit Journal(std::initializer_list<const AnyHook*> hooks, Threads threads = kAllThreads);
