@@ -6,11 +6,20 @@
 #include <kova/clock.h>
 #include <kova/config.h>
 #include <kova/flat_msg.h>
+#include <kova/id.h>
 #include <kova/inet_addr.h>
 #include <kova/lifecycle.h>
+#include <kova/local_mutex.h>
+#include <kova/local_rwlock.h>
+#include <kova/local_semaphore.h>
+#include <kova/msg_pattern.h>
+#include <kova/net32.h>
 #include <kova/process.h>
+#include <kova/request.h>
 #include <kova/socket_wrapper.h>
 #include <kova/tcp_socket.h>
+#include <kova/thread.h>
+#include <kova/time_value.h>
 #include <kova/udp_socket.h>
 
 #endif

@@ -53,4 +53,7 @@ class ErrorKeeper {
 /// Records `code` without a trace point.
 #define KOVA_RECORD(code) (this->_SetError_(__PRETTY_FUNCTION__, __LINE__, code), ::kova::Failed())
 
+/// Clears the record of an operation that succeeded, records `errno` of one that failed; yields which.
+#define KOVA_RESULT(succeeded) ((succeeded) ? (this->ClearError(), true) : KOVA_RECORD(errno))
+
 #endif

@@ -67,6 +67,13 @@ void Write(uint32_t line, uint32_t hash, Values... values) {
 
 }  // namespace kova::trace
 
+namespace kova {
+
+/// An object as a traced value: "%p" wants a plain pointer.
+inline const void* AddressOf(const void* object) { return object; }
+
+}  // namespace kova
+
 #define KOVA_TRACE_STRING_(x) KOVA_TRACE_STRING_2_(x)
 #define KOVA_TRACE_STRING_2_(x) #x
 #define KOVA_TRACE_COUNT_(...) KOVA_TRACE_PICK_(__VA_ARGS__ __VA_OPT__(, ) 9, 8, 7, 6, 5, 4, 3, 2, 1, 0)

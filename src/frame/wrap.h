@@ -14,6 +14,10 @@ constexpr int32_t WrapSubtract(int32_t a, int32_t b) {
     return static_cast<int32_t>(static_cast<uint32_t>(a) - static_cast<uint32_t>(b));
 }
 
+constexpr int32_t WrapMultiply(int32_t a, int32_t b) {
+    return static_cast<int32_t>(static_cast<uint32_t>(a) * static_cast<uint32_t>(b));
+}
+
 }  // namespace kova
 
 #endif

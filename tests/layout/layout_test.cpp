@@ -2,6 +2,7 @@
 // virtual operation. The numbers are those of the 32-bit target. Hosts with 64-bit pointers check the order.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -19,10 +20,19 @@
 #include <kova/base_object.h>
 #include <kova/clock.h>
 #include <kova/flat_msg.h>
+#include <kova/id.h>
 #include <kova/inet_addr.h>
+#include <kova/local_mutex.h>
+#include <kova/local_rwlock.h>
+#include <kova/local_semaphore.h>
+#include <kova/msg_pattern.h>
+#include <kova/net32.h>
 #include <kova/process.h>
+#include <kova/request.h>
 #include <kova/socket_wrapper.h>
 #include <kova/tcp_socket.h>
+#include <kova/thread.h>
+#include <kova/time_value.h>
 #include <kova/udp_socket.h>
 #undef private
 #undef protected
@@ -162,7 +172,121 @@ TEST(Layout, FlatMessage) {
     ExpectSize(652, sizeof message);
 }
 
+// --- Values ---
+
+TEST(Layout, Numbers) {
+    const KovaNet32 number;
+    ExpectPlaces({PLACE(number, m_Word, 0)});
+    static_assert(sizeof number == 4);
+    const KovaId id;
+    ExpectPlaces({PLACE(id, m_Id, 0)});
+    static_assert(sizeof(KovaId) == 4 && sizeof(KovaCageId) == 4 && sizeof(KovaNodeId) == 4 &&
+                  sizeof(KovaCCId) == 4 && sizeof(KovaIfId) == 4 && sizeof(KovaNetId) == 4 &&
+                  sizeof(KovaSegId) == 4 && sizeof(KovaPortId) == 4 && sizeof(KovaJackId) == 4 &&
+                  sizeof(KovaPowerPortId) == 4 && sizeof(KovaPihId) == 4 && sizeof(KovaRoleId) == 4);
+}
+
+TEST(Layout, TimeValues) {
+    const KovaRealTime real(0);
+    ExpectPlaces({PLACE(real, m_Value, 4), PLACE(real, m_Text, 8)});
+    static_assert(sizeof real.m_Text == 64);
+    ExpectSize(72, sizeof real);
+    const KovaRelativeTime relative(0, true);
+    ExpectPlaces({PLACE(relative, m_Value, 4), PLACE(relative, m_Text, 8), PLACE(relative, m_RealTime, 72)});
+    ExpectSize(76, sizeof relative);
+}
+
+// --- Locks and threads ---
+
+/// Conditions are aligned to 8 bytes on the target, to 4 on 32-bit x86.
+constexpr bool kIsTargetsAlignment = alignof(pthread_cond_t) == 8;
+
+constexpr size_t OnTarget(size_t target, size_t x86) { return kIsTargetsAlignment ? target : x86; }
+
+TEST(Layout, LocalMutex) {
+    const KovaLocalMutex mutex;
+    ExpectPlaces({PLACE(mutex, m_Mutex, 4), PLACE(mutex, m_Trace, 28), PLACE(mutex, m_ErrorCode, 36)});
+    static_assert(std::is_same_v<KovaMutexT, pthread_mutex_t>);
+    ExpectSize(48, sizeof mutex);
+}
+
+TEST(Layout, LocalSemaphore) {
+    const sKovaLocalSemaphore record{};
+    ExpectPlaces({PLACE(record, mutex, 0), PLACE(record, condition, 24), PLACE(record, count, 72)});
+    ExpectSize(OnTarget(80, 76), sizeof record);
+    const KovaLocalSemaphore semaphore;
+    ExpectPlaces({PLACE(semaphore, m_Semaphore, OnTarget(8, 4)), PLACE(semaphore, m_Trace, OnTarget(88, 80)),
+                  PLACE(semaphore, m_ErrorCode, OnTarget(96, 88))});
+    ExpectSize(OnTarget(112, 100), sizeof semaphore);
+}
+
+TEST(Layout, LocalReadWriteLock) {
+    const KovaLocalReadWriteLock lock;
+    ExpectPlaces({PLACE(lock, m_Readers, OnTarget(8, 4)), PLACE(lock, m_Drained, OnTarget(120, 104)),
+                  PLACE(lock, m_Writer, OnTarget(232, 204)), PLACE(lock, m_Trace, OnTarget(280, 252)),
+                  PLACE(lock, KovaBaseObject::m_ErrorCode, OnTarget(288, 260))});
+    ExpectSize(OnTarget(304, 272), sizeof lock);
+}
+
+struct Idle : KovaThread {
+    using KovaThread::KovaThread;
+    int Run() override { return 0; }
+};
+
+TEST(Layout, Thread) {
+    const Idle idle(0);
+    const KovaThread& thread = idle;
+    ExpectPlaces({PLACE(thread, m_Context, 4), PLACE(thread, m_Status, 8), PLACE(thread, m_StackSize, 12),
+                  PLACE(thread, m_Tid, 16), PLACE(thread, m_PthreadId, 20), PLACE(thread, m_Priority, 24),
+                  PLACE(thread, m_PrioClass, 28), PLACE(thread, m_PrioClassName, 32),
+                  PLACE(thread, m_StackType, 36), PLACE(thread, m_EffectivePriority, 40),
+                  PLACE(thread, m_Policy, 44), PLACE(thread, m_ErrorCode, 52)});
+    ExpectSize(64, sizeof thread);
+    EXPECT_STREQ("Regular", thread.m_PrioClassName);
+    EXPECT_STREQ("Time-Critical", thread.m_PrioClassName + 20);
+}
+
+TEST(Layout, ThreadContext) {
+    const KovaThreadContext context(0);
+    ExpectPlaces(
+        {PLACE(context, m_Thread, 4), PLACE(context, m_Tid, 8), PLACE(context, m_PthreadId, 12),
+         PLACE(context, m_ThreadState, 16), PLACE(context, m_RetCode, 20), PLACE(context, m_Semaphore, 24),
+         PLACE(context, m_SyncPoint, OnTarget(136, 124)), PLACE(context, m_ArgFlags, OnTarget(140, 128)),
+         PLACE(context, m_MainContext, OnTarget(144, 132)), PLACE(context, m_TimeStamp, OnTarget(148, 136)),
+         PLACE(context, m_Shutdown, OnTarget(152, 140)),
+         PLACE(context, KovaBaseObject::m_ErrorCode, OnTarget(160, 148))});
+    ExpectSize(OnTarget(176, 160), sizeof context);
+}
+
+// --- Companions of the message ---
+
+struct Pattern : KovaMsgPattern {
+    bool Pack(KovaFlatMsg&) override { return true; }
+    bool Unpack(KovaFlatMsg&) override { return true; }
+};
+
+TEST(Layout, MessagePattern) {
+    const Pattern derived;
+    const KovaMsgPattern& pattern = derived;
+    ExpectPlaces({PLACE(pattern, m_Owned, 4), PLACE(pattern, m_Header, 8), PLACE(pattern, m_Addr, 32),
+                  PLACE(pattern, KovaBaseObject::m_ErrorCode, 116)});
+    ExpectSize(128, sizeof pattern);
+}
+
+TEST(Layout, Request) {
+    const KovaRequest request;
+    ExpectPlaces({PLACE(request, m_Msg, 4), PLACE(request, m_Socket, 8), PLACE(request, m_ErrorCode, 16)});
+    ExpectSize(28, sizeof request);
+}
+
 TEST(Layout, FieldsThatThreadsShareAreLockFreeWords) {
+    static_assert(decltype(sKovaLocalSemaphore::count)::is_always_lock_free);
+    static_assert(decltype(KovaThread::m_Status)::is_always_lock_free);
+    static_assert(decltype(KovaThread::m_PthreadId)::is_always_lock_free);
+    static_assert(sizeof(KovaThread::m_PthreadId) == sizeof(pthread_t));
+    static_assert(decltype(KovaThreadContext::m_Thread)::is_always_lock_free);
+    static_assert(decltype(KovaThreadContext::m_ArgFlags)::is_always_lock_free);
+    static_assert(sizeof(KovaThreadContext::m_Shutdown) == 1);
     static_assert(decltype(KovaBaseObject::m_ErrorCode)::is_always_lock_free);
     static_assert(decltype(KovaBaseObject::m_ErrorFunction)::is_always_lock_free);
     static_assert(decltype(KovaSocketWrapper::m_Socket)::is_always_lock_free);
@@ -212,6 +336,15 @@ TEST(VirtualTable, BeginsWithTheDestructorPair) {
     ExpectDestructorPair<KovaTCPSocket>();
     ExpectDestructorPair<KovaUDPSocket>();
     ExpectDestructorPair<KovaFlatMsg>();
+    ExpectDestructorPair<KovaLocalMutex>();
+    ExpectDestructorPair<KovaLocalSemaphore>();
+    ExpectDestructorPair<KovaLocalReadWriteLock>();
+    ExpectDestructorPair<KovaThreadContext>(0ul);
+    ExpectDestructorPair<Idle>(0);
+    ExpectDestructorPair<KovaRealTime>(0l);
+    ExpectDestructorPair<KovaRelativeTime>(0l, true);
+    ExpectDestructorPair<Pattern>();
+    ExpectDestructorPair<KovaRequest>();
 }
 
 /// A class derived from `Class` gets the first slot behind those of `Class`.
@@ -221,7 +354,12 @@ struct Next : Class {
     virtual void Own() {}
 };
 
-TEST(VirtualTable, HoldsTheDestructorOnlyOfBaseObjectAddressAndMessage) {
+TEST(VirtualTable, HoldsTheDestructorOnlyWhereNothingIsToBeOverridden) {
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaLocalMutex>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaLocalSemaphore>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaLocalReadWriteLock>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaThreadContext>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaRequest>::Own));
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaBaseObject>::Own));
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaInetAddr>::Own));
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaFlatMsg>::Own));
@@ -274,6 +412,26 @@ TEST(VirtualTable, UdpSocket) {
     EXPECT_EQ(20u, SlotOf<void (Udp::*)()>(&Udp::InitComplete));
     EXPECT_EQ(21u, SlotOf(&Udp::ServerIntern));
     EXPECT_EQ(22u, SlotOf(&Next<Udp>::Own));
+}
+
+TEST(VirtualTable, Time) {
+    EXPECT_EQ(2u, SlotOf(&KovaTime::CTime));
+    EXPECT_EQ(3u, SlotOf(&KovaTime::operator const char*));
+    EXPECT_EQ(4u, SlotOf(&KovaTime::operator long));
+    EXPECT_EQ(5u, SlotOf(&KovaTime::operator const long*));
+    EXPECT_EQ(6u, SlotOf(&Next<KovaRealTime>::Own));
+    EXPECT_EQ(6u, SlotOf(&Next<KovaRelativeTime>::Own));
+}
+
+TEST(VirtualTable, Thread) {
+    EXPECT_EQ(2u, SlotOf(&KovaThread::Run));
+    EXPECT_EQ(3u, SlotOf(&Next<KovaThread>::Own));
+}
+
+TEST(VirtualTable, MessagePattern) {
+    EXPECT_EQ(2u, SlotOf(&KovaMsgPattern::Pack));
+    EXPECT_EQ(3u, SlotOf(&KovaMsgPattern::Unpack));
+    EXPECT_EQ(4u, SlotOf(&Next<KovaMsgPattern>::Own));
 }
 
 }  // namespace
