@@ -8,38 +8,14 @@
 #ifndef KOVA_ID_H
 #define KOVA_ID_H
 
+#include <kova/detail/operators.h>
 #include <kova/export.h>
 
 #include <cstdint>
 #include <iosfwd>
 #include <string>
 
-// The operators with one type of operand on the right or left, declared below for each type.
-#define KOVA_ID_ARITHMETIC(Right)        \
-    KovaId operator+(Right right) const; \
-    KovaId operator-(Right right) const; \
-    KovaId operator*(Right right) const; \
-    KovaId operator/(Right right) const; \
-    KovaId operator%(Right right) const
-#define KOVA_ID_COMPARISON(Right)       \
-    bool operator==(Right right) const; \
-    bool operator!=(Right right) const; \
-    bool operator<(Right right) const;  \
-    bool operator<=(Right right) const; \
-    bool operator>(Right right) const;  \
-    bool operator>=(Right right) const
-#define KOVA_ID_LEFT(Left)                                    \
-    KOVA_API Left operator+(Left left, const KovaId& right);  \
-    KOVA_API Left operator-(Left left, const KovaId& right);  \
-    KOVA_API Left operator*(Left left, const KovaId& right);  \
-    KOVA_API Left operator/(Left left, const KovaId& right);  \
-    KOVA_API Left operator%(Left left, const KovaId& right);  \
-    KOVA_API bool operator==(Left left, const KovaId& right); \
-    KOVA_API bool operator!=(Left left, const KovaId& right); \
-    KOVA_API bool operator<(Left left, const KovaId& right);  \
-    KOVA_API bool operator<=(Left left, const KovaId& right); \
-    KOVA_API bool operator>(Left left, const KovaId& right);  \
-    KOVA_API bool operator>=(Left left, const KovaId& right)
+// NOLINTBEGIN(bugprone-macro-parentheses): types cannot stand in any.
 
 // What every kind of identifier has. The constructors apply the kind's range; a copy of the same kind is
 // taken as it is.
@@ -56,6 +32,8 @@
 #define KOVA_ID_KIND(Kind)      \
     KOVA_ID_CONSTRUCTORS(Kind); \
     Kind& operator=(const Kind& id) = default
+
+// NOLINTEND(bugprone-macro-parentheses)
 
 /// An identifier of any kind. All numbers are taken with their low 32 bits.
 class KOVA_API KovaId {
@@ -98,16 +76,16 @@ class KOVA_API KovaId {
     KovaId& operator--(int);
 
     /// Signed, unsigned with an unsigned operand; wraps at 32 bits.
-    KOVA_ID_ARITHMETIC(const KovaId&);
-    KOVA_ID_ARITHMETIC(int);
-    KOVA_ID_ARITHMETIC(unsigned int);
-    KOVA_ID_ARITHMETIC(long);
-    KOVA_ID_ARITHMETIC(unsigned long);
+    KOVA_DETAIL_ARITHMETIC(KovaId, const KovaId&);
+    KOVA_DETAIL_ARITHMETIC(KovaId, int);
+    KOVA_DETAIL_ARITHMETIC(KovaId, unsigned int);
+    KOVA_DETAIL_ARITHMETIC(KovaId, long);
+    KOVA_DETAIL_ARITHMETIC(KovaId, unsigned long);
 
     /// Signed. There is no comparison with an unsigned number on the right.
-    KOVA_ID_COMPARISON(const KovaId&);
-    KOVA_ID_COMPARISON(int);
-    KOVA_ID_COMPARISON(long);
+    KOVA_DETAIL_COMPARISON(const KovaId&);
+    KOVA_DETAIL_COMPARISON(int);
+    KOVA_DETAIL_COMPARISON(long);
 
   private:
     int32_t m_Id;
@@ -115,10 +93,10 @@ class KOVA_API KovaId {
 
 /// With a number on the left everything is done in its type, 32 bits wide, and the result has that type: with
 /// an unsigned number the identifier is unsigned, so that `0u < KovaId()`.
-KOVA_ID_LEFT(int);
-KOVA_ID_LEFT(unsigned int);
-KOVA_ID_LEFT(long);
-KOVA_ID_LEFT(unsigned long);
+KOVA_DETAIL_LEFT(KovaId, int);
+KOVA_DETAIL_LEFT(KovaId, unsigned int);
+KOVA_DETAIL_LEFT(KovaId, long);
+KOVA_DETAIL_LEFT(KovaId, unsigned long);
 
 /// Prints -3, -2 and -1 as the letters A, U and F, others in hexadecimal.
 class KOVA_API KovaCageId : public KovaId {
@@ -200,9 +178,6 @@ class KOVA_API KovaRoleId : public KovaId {
     KOVA_ID_KIND(KovaRoleId);
 };
 
-#undef KOVA_ID_ARITHMETIC
-#undef KOVA_ID_COMPARISON
-#undef KOVA_ID_LEFT
 #undef KOVA_ID_CONSTRUCTORS
 #undef KOVA_ID_KIND
 

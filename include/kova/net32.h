@@ -7,36 +7,10 @@
 #ifndef KOVA_NET32_H
 #define KOVA_NET32_H
 
+#include <kova/detail/operators.h>
 #include <kova/export.h>
 
 #include <cstdint>
-
-// The operators with one type of operand on the right or left, declared below for each type.
-#define KOVA_NET32_ARITHMETIC(Right)        \
-    KovaNet32 operator+(Right right) const; \
-    KovaNet32 operator-(Right right) const; \
-    KovaNet32 operator*(Right right) const; \
-    KovaNet32 operator/(Right right) const; \
-    KovaNet32 operator%(Right right) const
-#define KOVA_NET32_COMPARISON(Right)    \
-    bool operator==(Right right) const; \
-    bool operator!=(Right right) const; \
-    bool operator<(Right right) const;  \
-    bool operator<=(Right right) const; \
-    bool operator>(Right right) const;  \
-    bool operator>=(Right right) const
-#define KOVA_NET32_LEFT(Left)                                    \
-    KOVA_API Left operator+(Left left, const KovaNet32& right);  \
-    KOVA_API Left operator-(Left left, const KovaNet32& right);  \
-    KOVA_API Left operator*(Left left, const KovaNet32& right);  \
-    KOVA_API Left operator/(Left left, const KovaNet32& right);  \
-    KOVA_API Left operator%(Left left, const KovaNet32& right);  \
-    KOVA_API bool operator==(Left left, const KovaNet32& right); \
-    KOVA_API bool operator!=(Left left, const KovaNet32& right); \
-    KOVA_API bool operator<(Left left, const KovaNet32& right);  \
-    KOVA_API bool operator<=(Left left, const KovaNet32& right); \
-    KOVA_API bool operator>(Left left, const KovaNet32& right);  \
-    KOVA_API bool operator>=(Left left, const KovaNet32& right)
 
 class KOVA_API KovaNet32 {
   public:
@@ -74,21 +48,21 @@ class KOVA_API KovaNet32 {
 
     /// Always unsigned, wrapping at 32 bits. A signed operand is sign-extended and then taken as unsigned, so
     /// that 7 / -1 is 0 and 7 % -1 is 7.
-    KOVA_NET32_ARITHMETIC(const KovaNet32&);
-    KOVA_NET32_ARITHMETIC(unsigned int);
-    KOVA_NET32_ARITHMETIC(int);
-    KOVA_NET32_ARITHMETIC(unsigned short);
-    KOVA_NET32_ARITHMETIC(short);
+    KOVA_DETAIL_ARITHMETIC(KovaNet32, const KovaNet32&);
+    KOVA_DETAIL_ARITHMETIC(KovaNet32, unsigned int);
+    KOVA_DETAIL_ARITHMETIC(KovaNet32, int);
+    KOVA_DETAIL_ARITHMETIC(KovaNet32, unsigned short);
+    KOVA_DETAIL_ARITHMETIC(KovaNet32, short);
 
     /// In the operand's type, to which this number is cut first: 0x12345678 equals the `unsigned short`
     /// 0x5678, and 0x18000 is less than the `short` 0. Two network-order integers compare unsigned.
-    KOVA_NET32_COMPARISON(const KovaNet32&);
-    KOVA_NET32_COMPARISON(unsigned int);
-    KOVA_NET32_COMPARISON(int);
-    KOVA_NET32_COMPARISON(unsigned short);
-    KOVA_NET32_COMPARISON(short);
-    KOVA_NET32_COMPARISON(unsigned char);
-    KOVA_NET32_COMPARISON(signed char);
+    KOVA_DETAIL_COMPARISON(const KovaNet32&);
+    KOVA_DETAIL_COMPARISON(unsigned int);
+    KOVA_DETAIL_COMPARISON(int);
+    KOVA_DETAIL_COMPARISON(unsigned short);
+    KOVA_DETAIL_COMPARISON(short);
+    KOVA_DETAIL_COMPARISON(unsigned char);
+    KOVA_DETAIL_COMPARISON(signed char);
 
   private:
     uint32_t m_Word;
@@ -96,14 +70,10 @@ class KOVA_API KovaNet32 {
 
 /// With a plain number on the left everything is done in the type of that number, and the result has it: the
 /// network-order integer is cut to it first, signed numbers divide signed, and the result wraps.
-KOVA_NET32_LEFT(unsigned int);
-KOVA_NET32_LEFT(int);
-KOVA_NET32_LEFT(unsigned short);
-KOVA_NET32_LEFT(short);
-
-#undef KOVA_NET32_ARITHMETIC
-#undef KOVA_NET32_COMPARISON
-#undef KOVA_NET32_LEFT
+KOVA_DETAIL_LEFT(KovaNet32, unsigned int);
+KOVA_DETAIL_LEFT(KovaNet32, int);
+KOVA_DETAIL_LEFT(KovaNet32, unsigned short);
+KOVA_DETAIL_LEFT(KovaNet32, short);
 
 #if __cplusplus > 201703L
 // A character on the left is an `int`. C++20 would swap the operands instead and compare 8 bits.

@@ -1,3 +1,4 @@
+#include "addr/operators.h"
 #include "frame/errno_guard.h"
 #include "frame/wrap.h"
 
@@ -8,28 +9,8 @@
 #include <cstdlib>
 #include <limits>
 #include <ostream>
-#include <type_traits>
 
 namespace {
-
-// --- Numbers ---
-
-/// What a number of type `Operand` is on the target. An identifier is signed.
-template <typename Operand>
-using Word = std::conditional_t<std::is_unsigned_v<Operand>, uint32_t, int32_t>;
-
-/// A number or an identifier as a `Word<Operand>`, in a type in which no operation on two of them overflows.
-template <typename Operand, typename Value>
-constexpr auto Wide(const Value& value) {
-    using Wider = std::conditional_t<std::is_unsigned_v<Operand>, uint64_t, int64_t>;
-    return static_cast<Wider>(static_cast<Word<Operand>>(value));
-}
-
-/// The low 32 bits of a result.
-template <typename Number, typename Wider>
-constexpr Number Cut(Wider result) {
-    return static_cast<Number>(static_cast<Word<Number>>(result));
-}
 
 int32_t Parse(const std::string& text) {
     // That a number is too large is nothing to report.
@@ -135,51 +116,26 @@ KovaId& KovaId::operator--(int) { return --*this; }
 
 // --- Operators ---
 
-#define KOVA_ID_ARITHMETIC(DEFINE, Operand) \
-    DEFINE(+, Operand)                      \
-    DEFINE(-, Operand)                      \
-    DEFINE(*, Operand)                      \
-    DEFINE(/, Operand)                      \
-    DEFINE(%, Operand)
-#define KOVA_ID_COMPARISON(DEFINE, Operand) \
-    DEFINE(==, Operand)                     \
-    DEFINE(!=, Operand)                     \
-    DEFINE(<, Operand)                      \
-    DEFINE(<=, Operand)                     \
-    DEFINE(>, Operand)                      \
-    DEFINE(>=, Operand)
-
-#define KOVA_ID_COMPUTE(op, Right)                                \
-    KovaId KovaId::operator op(Right right) const {               \
-        return Cut<int>(Wide<Right>(m_Id) op Wide<Right>(right)); \
+#define KOVA_ID_COMPUTE(op, Class, Right)                                           \
+    Class Class::operator op(Right right) const {                                   \
+        return kova::Cut<int>(kova::Wide<Right>(m_Id) op kova::Wide<Right>(right)); \
     }
-#define KOVA_ID_COMPARE(op, Right) \
-    bool KovaId::operator op(Right right) const { return Wide<Right>(m_Id) op Wide<Right>(right); }
+#define KOVA_ID_COMPARE(op, Class, Right) \
+    bool Class::operator op(Right right) const { return kova::Wide<Right>(m_Id) op kova::Wide<Right>(right); }
 
-KOVA_ID_ARITHMETIC(KOVA_ID_COMPUTE, const KovaId&)
-KOVA_ID_ARITHMETIC(KOVA_ID_COMPUTE, int)
-KOVA_ID_ARITHMETIC(KOVA_ID_COMPUTE, unsigned int)
-KOVA_ID_ARITHMETIC(KOVA_ID_COMPUTE, long)
-KOVA_ID_ARITHMETIC(KOVA_ID_COMPUTE, unsigned long)
-KOVA_ID_COMPARISON(KOVA_ID_COMPARE, const KovaId&)
-KOVA_ID_COMPARISON(KOVA_ID_COMPARE, int)
-KOVA_ID_COMPARISON(KOVA_ID_COMPARE, long)
+KOVA_FOR_ARITHMETIC(KOVA_ID_COMPUTE, KovaId, const KovaId&)
+KOVA_FOR_ARITHMETIC(KOVA_ID_COMPUTE, KovaId, int)
+KOVA_FOR_ARITHMETIC(KOVA_ID_COMPUTE, KovaId, unsigned int)
+KOVA_FOR_ARITHMETIC(KOVA_ID_COMPUTE, KovaId, long)
+KOVA_FOR_ARITHMETIC(KOVA_ID_COMPUTE, KovaId, unsigned long)
+KOVA_FOR_COMPARISON(KOVA_ID_COMPARE, KovaId, const KovaId&)
+KOVA_FOR_COMPARISON(KOVA_ID_COMPARE, KovaId, int)
+KOVA_FOR_COMPARISON(KOVA_ID_COMPARE, KovaId, long)
 
-#define KOVA_ID_COMPUTE_LEFT(op, Left)                           \
-    Left operator op(Left left, const KovaId& right) {           \
-        return Cut<Left>(Wide<Left>(left) op Wide<Left>(right)); \
-    }
-#define KOVA_ID_COMPARE_LEFT(op, Left) \
-    bool operator op(Left left, const KovaId& right) { return Wide<Left>(left) op Wide<Left>(right); }
-
-KOVA_ID_ARITHMETIC(KOVA_ID_COMPUTE_LEFT, int)
-KOVA_ID_ARITHMETIC(KOVA_ID_COMPUTE_LEFT, unsigned int)
-KOVA_ID_ARITHMETIC(KOVA_ID_COMPUTE_LEFT, long)
-KOVA_ID_ARITHMETIC(KOVA_ID_COMPUTE_LEFT, unsigned long)
-KOVA_ID_COMPARISON(KOVA_ID_COMPARE_LEFT, int)
-KOVA_ID_COMPARISON(KOVA_ID_COMPARE_LEFT, unsigned int)
-KOVA_ID_COMPARISON(KOVA_ID_COMPARE_LEFT, long)
-KOVA_ID_COMPARISON(KOVA_ID_COMPARE_LEFT, unsigned long)
+KOVA_DEFINE_LEFT(KovaId, int)
+KOVA_DEFINE_LEFT(KovaId, unsigned int)
+KOVA_DEFINE_LEFT(KovaId, long)
+KOVA_DEFINE_LEFT(KovaId, unsigned long)
 
 // --- The kinds, each with its range ---
 
