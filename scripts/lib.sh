@@ -15,7 +15,7 @@ die() {
 }
 
 # usage: prints the comment at the head of the calling script.
-usage() { sed -n '2,/^[^#]/ s/^# \{0,1\}//p' "$0"; }
+usage() { sed -n '2,/^$/ s/^# \{0,1\}//p' "$0"; }
 
 as_root() {
     if [ "$(id -u)" -eq 0 ]; then
