@@ -4,7 +4,8 @@
 ctest_summary.py PLATFORM BUILD-TREE CTEST-STATUS
 
 Names every failed test with the end of its output and every skipped one with its reason, then prints the
-counts. The last line, for the caller, is "PASSED FAILED SKIPPED".
+counts. The last line, for the caller, is "PASSED FAILED SKIPPED". What is said of failed tests also stands in
+BUILD-TREE/failures.txt, for callers that run several platforms.
 
 A test board.PROGRAM of ctest is a whole program that ran on the board; its cases count, as it left them in
 tests/board/PROGRAM/result.xml.
@@ -109,22 +110,27 @@ def results(tree: pathlib.Path) -> typing.Iterator[Result]:
 def main() -> int:
     platform, tree, status = sys.argv[1], pathlib.Path(sys.argv[2]), int(sys.argv[3])
     counts = {"passed": 0, "failed": 0, "skipped": 0}
+    failures: list[str] = []
     try:
         for result in results(tree):
             counts[result.end] += 1
             if result.end == "skipped":
                 print(f"{platform}: skipped {result.name}: {result.text}")
             elif result.end == "failed":
-                print(f"{platform}: FAILED {result.name}")
-                print("\n".join("    " + line for line in result.text.splitlines()[-OUTPUT_LINES:]))
+                failures.append(f"{platform}: FAILED {result.name}")
+                failures += ("    " + line for line in result.text.splitlines()[-OUTPUT_LINES:])
     except (OSError, ElementTree.ParseError) as error:
         print(f"{platform}: no results: {error}")
+        (tree / "failures.txt").write_text(f"{platform}: no results: {error}\n")
         print("0 1 0")
         return 1
 
     if status != 0 and counts["failed"] == 0:
         counts["failed"] = 1
-        print(f"{platform}: ctest ended with status {status} without naming a failed test")
+        failures.append(f"{platform}: ctest ended with status {status} without naming a failed test")
+    text = "".join(line + "\n" for line in failures)
+    (tree / "failures.txt").write_text(text)
+    print(text, end="")
     if not any(counts.values()):
         print(f"{platform}: no test ran")
     print(f"{platform}: " + ", ".join(f"{count} {end}" for end, count in counts.items()))

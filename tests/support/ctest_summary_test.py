@@ -51,6 +51,16 @@ class Summary(unittest.TestCase):
         self.assertIn("    expected 1", lines)
         self.assertIn("here: skipped A.D: no root here", lines)
 
+    def test_failures_are_kept_for_the_end(self) -> None:
+        lines, _ = self.summarize(PASSED.format("A.B", ""), FAILED.format("A.C", "expected 1"), status=8)
+        kept = (self.tree / "failures.txt").read_text().splitlines()
+        self.assertEqual(["here: FAILED A.C", "    expected 1"], kept)
+        self.assertEqual(kept, lines[:2])
+        self.summarize(PASSED.format("A.B", ""))
+        self.assertEqual("", (self.tree / "failures.txt").read_text())
+        self.summarize(PASSED.format("A.B", ""), status=1)
+        self.assertIn("without naming", (self.tree / "failures.txt").read_text())
+
     def test_skipped_case_that_broke_afterwards_failed(self) -> None:
         text = "file.cpp:1: Skipped\nreason\n==7==ERROR: AddressSanitizer: heap-use-after-free"
         self.assertEqual("0 1 0", self.summarize(SKIPPED.format("A.B", text))[1])
