@@ -14,5 +14,4 @@ if(CMAKE_SYSTEM_PROCESSOR STREQUAL "ppc" AND CMAKE_CXX_FLAGS MATCHES "-fsanitize
   add_library(kova_sanitizer_sync OBJECT ${PROJECT_SOURCE_DIR}/target/sanitizer/sync.c)
   target_compile_options(kova_sanitizer_sync PRIVATE -fno-sanitize=all)
   link_libraries($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:kova_sanitizer_sync>>)
-  link_libraries($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:atomic>)
 endif()

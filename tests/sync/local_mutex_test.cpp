@@ -374,7 +374,10 @@ TEST_F(MutexFailure, OfAnUnlockByAnotherThreadEndsTheProcess) {
     KOVA_SKIP_UNDER_TSAN("it ends the process itself when a mutex is unlocked that is not locked");
     const ChildResult child = RunInChild([&] {
         EXPECT_EQ(1, KovaLockMutex(&m_Mutex));
-        DeadlineThread([&] { KovaUnlockMutex(&m_Mutex); }).Join();
+        DeadlineThread([&] {
+            errno = 0;
+            KovaUnlockMutex(&m_Mutex);
+        }).Join();
     });
     EXPECT_EQ(SIGABRT, child.signal) << testing::PrintToString(child);
     EXPECT_TRUE(m_Recorder.Has(kFailed, {Word(&m_Mutex).value, EPERM, EPERM}));
