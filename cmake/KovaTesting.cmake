@@ -6,7 +6,7 @@
 # One program in tests/bin of the build tree. CTest runs each test case as a process of its own in fresh
 # namespaces (tests/support/nsrun), so that cases may run in any order and in parallel. Every program has the
 # fixtures and helpers of tests/support/leak_check.h; INTERPOSE adds the trace spy and the faked libc, which
-# then take the library's calls.
+# then take the library's calls, and processes that play a part (tests/support/process.h).
 #
 # In a build for the target each program is one test, board.TARGET: all its cases run in one process, in one
 # boot of the emulated board. The cases' results are left in tests/board/TARGET/result.xml of the build tree.
@@ -52,6 +52,7 @@ add_library(kova_test_common OBJECT
   ${PROJECT_SOURCE_DIR}/tests/support/second_host.cpp)
 add_library(kova_test_support OBJECT
   ${PROJECT_SOURCE_DIR}/tests/support/fake_libc.cpp
+  ${PROJECT_SOURCE_DIR}/tests/support/process.cpp
   ${PROJECT_SOURCE_DIR}/tests/support/trace_recorder.cpp)
 foreach(target IN ITEMS kova_test_common kova_test_support)
   kova_test_defaults(${target})
@@ -83,8 +84,15 @@ endfunction()
 # kova_add_board_test(TARGET [ARGUMENT...]): runs a program on the board; what it leaves in /out is copied to
 # tests/board/TARGET of the build tree.
 function(kova_add_board_test target)
+  # With the address sanitizer a program touches far more pages than the processor has entries for, and each
+  # miss costs the emulator much.
+  set(limit 300)
+  if(CMAKE_CXX_FLAGS MATCHES "-fsanitize=[a-z,]*address")
+    set(limit 1500)
+  endif()
+  math(EXPR timeout "${limit} + 300")
   add_test(NAME board.${target}
-    COMMAND ${PROJECT_SOURCE_DIR}/target/run-on-board --fetch ${PROJECT_BINARY_DIR}/tests/board/${target}
-            $<TARGET_FILE:${target}> ${ARGN})
-  set_tests_properties(board.${target} PROPERTIES LABELS board TIMEOUT 600)
+    COMMAND ${PROJECT_SOURCE_DIR}/target/run-on-board --limit ${limit}
+            --fetch ${PROJECT_BINARY_DIR}/tests/board/${target} $<TARGET_FILE:${target}> ${ARGN})
+  set_tests_properties(board.${target} PROPERTIES LABELS board TIMEOUT ${timeout})
 endfunction()

@@ -12,6 +12,8 @@
 #include <sanitizer/common_interface_defs.h>
 #endif
 #include <sys/ioctl.h>
+#include <sys/ipc.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,7 +24,26 @@
 #include <ostream>
 #include <sstream>
 
+// The status call of sources that want 64-bit sizes and times.
+#if __SIZEOF_LONG__ == 4
+#define FAKE_STATUS_SYMBOL "__stat64_time64"
+#else
+#define FAKE_STATUS_SYMBOL "stat"
+#endif
+
 namespace fake {
+
+namespace {
+
+/// What semctl takes by value: with some calling conventions another thing than the word in it.
+union SemaphoreArgument {
+    int value;
+    void* address;
+};
+
+FAKE_UNINSTRUMENTED int CallSemctl(int set, int position, int command, long argument);
+
+}  // namespace
 
 constinit Hook<int(int, int, int)> socket{"socket"};
 constinit Hook<int(int, sockaddr*, socklen_t*)> accept{"accept"};
@@ -42,6 +63,26 @@ constinit Hook<int(int, sockaddr*, socklen_t*)> getsockname{"getsockname"};
 constinit Hook<int(int, sockaddr*, socklen_t*)> getpeername{"getpeername"};
 constinit Hook<int(int, int)> shutdown{"shutdown"};
 constinit Hook<int(int)> close{"close"};
+constinit Hook<FILE*(const char*, const char*)> fopen{"fopen"};
+constinit Hook<int(FILE*)> fclose{"fclose"};
+constinit Hook<int(const char*, int, mode_t)> open{"open"};
+constinit Hook<int(const char*, int)> access{"access"};
+constinit Hook<int(const char*, mode_t)> mkdir{"mkdir"};
+constinit Hook<mode_t(mode_t)> umask{"umask"};
+constinit Hook<int(const char*)> unlink{"unlink"};
+constinit Hook<int(const char*, void*)> file_status{"stat", FAKE_STATUS_SYMBOL};
+constinit Hook<char*(char*, size_t)> getcwd{"getcwd"};
+constinit Hook<key_t(const char*, int)> ftok{"ftok"};
+constinit Hook<int(key_t, int, int)> semget{"semget"};
+constinit Hook<int(int, sembuf*, size_t)> semop{"semop"};
+constinit Hook<int(int, sembuf*, size_t, const timespec*)> semtimedop{"semtimedop"};
+constinit Hook<int(int, int, int, long)> semctl{"semctl", CallSemctl};
+constinit Hook<int(key_t, int)> msgget{"msgget"};
+constinit Hook<int(int, const void*, size_t, int)> msgsnd{"msgsnd"};
+constinit Hook<ssize_t(int, void*, size_t, long, int)> msgrcv{"msgrcv"};
+constinit Hook<int(int, int, msqid_ds*)> msgctl{"msgctl"};
+constinit Hook<int(int, const struct ::sigaction*, struct ::sigaction*)> sigaction{"sigaction"};
+constinit Hook<int(int, const sigset_t*, sigset_t*)> sigprocmask{"sigprocmask"};
 constinit Hook<time_t(time_t*)> time{"time"};
 constinit Hook<int(clockid_t, timespec*)> clock_gettime{"clock_gettime"};
 constinit Hook<int(const timespec*, timespec*)> nanosleep{"nanosleep"};
@@ -100,6 +141,19 @@ pthread_mutex_t g_Mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_CallEnded = PTHREAD_COND_INITIALIZER;
 thread_local int t_Inside = 0;
 
+/// Not for CallSemctl's callers: semctl itself, with its argument by value.
+constinit Hook<int(int, int, int, SemaphoreArgument)> g_Semctl{"semctl"};
+
+int CallSemctl(int set, int position, int command, long argument) {
+    SemaphoreArgument by_value;
+    if (command == SETVAL) {
+        by_value.value = static_cast<int>(argument);
+    } else {
+        by_value.address = reinterpret_cast<void*>(argument);
+    }
+    return g_Semctl.Real(set, position, command, by_value);
+}
+
 }  // namespace
 
 namespace detail {
@@ -148,7 +202,7 @@ template <size_t N>
 std::string Flags(int value, const Name (&names)[N]) {
     std::string text;
     for (const Name& name : names) {
-        if ((value & name.value) == 0) continue;
+        if (name.value == 0 || (value & name.value) != name.value) continue;
         text += (text.empty() ? "" : "|") + std::string(name.text);
         value &= ~name.value;
     }
@@ -169,8 +223,57 @@ constexpr Name kMessageFlags[] = {{MSG_NOSIGNAL, "MSG_NOSIGNAL"}, {MSG_PEEK, "MS
                                   {MSG_OOB, "MSG_OOB"},           {MSG_DONTWAIT, "MSG_DONTWAIT"},
                                   {MSG_WAITALL, "MSG_WAITALL"},   {MSG_TRUNC, "MSG_TRUNC"}};
 constexpr Name kHows[] = {{SHUT_RD, "SHUT_RD"}, {SHUT_WR, "SHUT_WR"}, {SHUT_RDWR, "SHUT_RDWR"}};
-constexpr Name kCommands[] = {{F_GETFD, "F_GETFD"}, {F_SETFD, "F_SETFD"}, {F_GETFL, "F_GETFL"},
-                              {F_SETFL, "F_SETFL"}, {F_SETLK, "F_SETLK"}, {F_SETLKW, "F_SETLKW"}};
+constexpr Name kCommands[] = {{F_GETFD, "F_GETFD"},
+                              {F_SETFD, "F_SETFD"},
+                              {F_GETFL, "F_GETFL"},
+                              {F_SETFL, "F_SETFL"},
+                              {F_GETLK, "F_GETLK"},
+                              {F_SETLK, "F_SETLK"},
+                              {F_SETLKW, "F_SETLKW"},
+                              {F_NOTIFY, "F_NOTIFY"},
+                              {F_SETSIG, "F_SETSIG"},
+                              {F_DUPFD, "F_DUPFD"},
+                              {F_DUPFD_CLOEXEC, "F_DUPFD_CLOEXEC"}};
+constexpr Name kLocks[] = {{F_RDLCK, "F_RDLCK"}, {F_WRLCK, "F_WRLCK"}, {F_UNLCK, "F_UNLCK"}};
+constexpr Name kWhences[] = {{SEEK_SET, "SEEK_SET"}, {SEEK_CUR, "SEEK_CUR"}, {SEEK_END, "SEEK_END"}};
+constexpr Name kNotices[] = {{static_cast<int>(DN_MULTISHOT), "DN_MULTISHOT"},
+                             {DN_ACCESS, "DN_ACCESS"},
+                             {DN_MODIFY, "DN_MODIFY"},
+                             {DN_CREATE, "DN_CREATE"},
+                             {DN_DELETE, "DN_DELETE"},
+                             {DN_RENAME, "DN_RENAME"},
+                             {DN_ATTRIB, "DN_ATTRIB"}};
+constexpr Name kAccesses[] = {{O_RDONLY, "O_RDONLY"}, {O_WRONLY, "O_WRONLY"}, {O_RDWR, "O_RDWR"}};
+constexpr Name kOpenFlags[] = {{O_CREAT, "O_CREAT"},       {O_EXCL, "O_EXCL"},
+                               {O_TRUNC, "O_TRUNC"},       {O_APPEND, "O_APPEND"},
+                               {O_NONBLOCK, "O_NONBLOCK"}, {O_CLOEXEC, "O_CLOEXEC"},
+                               {O_TMPFILE, "O_TMPFILE"},   {O_DIRECTORY, "O_DIRECTORY"},
+                               {O_NOFOLLOW, "O_NOFOLLOW"}, {O_NOCTTY, "O_NOCTTY"}};
+constexpr Name kAccessModes[] = {{R_OK, "R_OK"}, {W_OK, "W_OK"}, {X_OK, "X_OK"}};
+constexpr Name kIpcFlags[] = {{IPC_CREAT, "IPC_CREAT"}, {IPC_EXCL, "IPC_EXCL"}};
+constexpr Name kOperationFlags[] = {{IPC_NOWAIT, "IPC_NOWAIT"}, {SEM_UNDO, "SEM_UNDO"}};
+constexpr Name kQueueFlags[] = {
+    {IPC_NOWAIT, "IPC_NOWAIT"}, {MSG_NOERROR, "MSG_NOERROR"}, {MSG_EXCEPT, "MSG_EXCEPT"}};
+constexpr Name kControls[] = {{IPC_RMID, "IPC_RMID"}, {IPC_STAT, "IPC_STAT"}, {IPC_SET, "IPC_SET"},
+                              {GETVAL, "GETVAL"},     {SETVAL, "SETVAL"},     {GETALL, "GETALL"},
+                              {SETALL, "SETALL"},     {GETPID, "GETPID"},     {GETNCNT, "GETNCNT"},
+                              {GETZCNT, "GETZCNT"}};
+constexpr Name kSignals[] = {{SIGHUP, "SIGHUP"},   {SIGINT, "SIGINT"},   {SIGQUIT, "SIGQUIT"},
+                             {SIGILL, "SIGILL"},   {SIGTRAP, "SIGTRAP"}, {SIGABRT, "SIGABRT"},
+                             {SIGBUS, "SIGBUS"},   {SIGFPE, "SIGFPE"},   {SIGKILL, "SIGKILL"},
+                             {SIGUSR1, "SIGUSR1"}, {SIGSEGV, "SIGSEGV"}, {SIGUSR2, "SIGUSR2"},
+                             {SIGPIPE, "SIGPIPE"}, {SIGALRM, "SIGALRM"}, {SIGTERM, "SIGTERM"},
+                             {SIGCHLD, "SIGCHLD"}, {SIGCONT, "SIGCONT"}, {SIGSTOP, "SIGSTOP"},
+                             {SIGURG, "SIGURG"},   {SIGPROF, "SIGPROF"}, {SIGIO, "SIGIO"}};
+constexpr Name kSignalFlags[] = {{SA_SIGINFO, "SA_SIGINFO"},
+                                 {SA_RESTART, "SA_RESTART"},
+                                 {SA_NODEFER, "SA_NODEFER"},
+                                 {SA_ONSTACK, "SA_ONSTACK"},
+                                 {SA_NOCLDSTOP, "SA_NOCLDSTOP"},
+                                 {SA_NOCLDWAIT, "SA_NOCLDWAIT"},
+                                 {static_cast<int>(SA_RESETHAND), "SA_RESETHAND"}};
+constexpr Name kMaskings[] = {
+    {SIG_BLOCK, "SIG_BLOCK"}, {SIG_UNBLOCK, "SIG_UNBLOCK"}, {SIG_SETMASK, "SIG_SETMASK"}};
 constexpr Name kResources[] = {
     {RLIMIT_CORE, "RLIMIT_CORE"}, {RLIMIT_STACK, "RLIMIT_STACK"}, {RLIMIT_DATA, "RLIMIT_DATA"}};
 constexpr Name kClocks[] = {{CLOCK_REALTIME, "CLOCK_REALTIME"}, {CLOCK_MONOTONIC, "CLOCK_MONOTONIC"}};
@@ -292,6 +395,133 @@ std::string LimitText(const rlimit* limit) {
     return "{" + one(limit->rlim_cur) + ", " + one(limit->rlim_max) + "}";
 }
 
+std::string Octal(unsigned value) {
+    std::ostringstream text;
+    text << std::showbase << std::oct << value;
+    return text.str();
+}
+
+std::string Path(const char* path) { return path != nullptr ? path : "null"; }
+
+/// Named flags, and the rest as permissions: "IPC_CREAT|0666".
+template <size_t N>
+std::string FlagsAndMode(int value, const Name (&names)[N]) {
+    int all = 0;
+    for (const Name& name : names) all |= name.value;
+    const int mode = value & ~all;
+    if ((value & all) == 0) return Octal(static_cast<unsigned>(mode));
+    return Flags(value & all, names) + (mode != 0 ? "|" + Octal(static_cast<unsigned>(mode)) : "");
+}
+
+FAKE_UNINSTRUMENTED bool NeedsMode(int flags) {
+    return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+}
+
+std::string OpenText(const char* path, int flags, mode_t mode) {
+    std::string text = Words(Path(path), NameOf(flags & O_ACCMODE, kAccesses));
+    const int rest = flags & ~O_ACCMODE;
+    if (rest != 0) text += "|" + Flags(rest, kOpenFlags);
+    return NeedsMode(flags) ? Words(text, Octal(mode)) : text;
+}
+
+std::string SignalName(int signal) {
+    if (signal == SIGRTMIN) return "SIGRTMIN";
+    if (signal > SIGRTMIN && signal <= SIGRTMAX) return "SIGRTMIN+" + std::to_string(signal - SIGRTMIN);
+    return NameOf(signal, kSignals);
+}
+
+std::string Signals(const sigset_t& signals) {
+    std::string text;
+    bool all = true;
+    for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+        const bool is_never_blocked =
+            signal == SIGKILL || signal == SIGSTOP || (signal > SIGSYS && signal < SIGRTMIN);
+        if (::sigismember(&signals, signal) != 1) {
+            all = all && is_never_blocked;
+        } else {
+            text += (text.empty() ? "" : " ") + SignalName(signal);
+        }
+    }
+    return all ? "[all]" : "[" + text + "]";
+}
+
+std::string ActionText(int signal, const struct ::sigaction* action) {
+    if (action == nullptr) return Words(SignalName(signal), "null");
+    const char* const handler = action->sa_handler == SIG_DFL   ? "SIG_DFL"
+                                : action->sa_handler == SIG_IGN ? "SIG_IGN"
+                                                                : "handler";
+    // What libc adds for itself is seen in actions that were read back.
+    constexpr int kRestorer = 0x04000000;
+    const int flags = action->sa_flags & ~kRestorer;
+    const std::string text = Words(SignalName(signal), handler, Flags(flags, kSignalFlags));
+    return ::sigisemptyset(&action->sa_mask) ? text : Words(text, Signals(action->sa_mask));
+}
+
+std::string LockText(const struct flock& lock) {
+    return Words(NameOf(lock.l_type, kLocks), NameOf(lock.l_whence, kWhences),
+                 Braces(lock.l_start, lock.l_len));
+}
+
+std::string FcntlText(int command, long argument) {
+    const std::string name = NameOf(command, kCommands);
+    const int number = static_cast<int>(argument);
+    switch (command) {
+        case F_SETFD:
+        case F_SETFL:
+        case F_DUPFD:
+        case F_DUPFD_CLOEXEC:
+            return Words(name, number);
+        case F_SETSIG:
+            return Words(name, number == 0 ? "0" : SignalName(number));
+        case F_NOTIFY:
+            return Words(name, Flags(number, kNotices));
+        case F_GETLK:
+        case F_SETLK:
+        case F_SETLKW:
+            return Words(name, LockText(*reinterpret_cast<const struct flock*>(argument)));
+        default:
+            // Commands without argument, or with a pointer, would print noise.
+            return name;
+    }
+}
+
+std::string KeyText(key_t key) {
+    if (key == IPC_PRIVATE) return "IPC_PRIVATE";
+    std::ostringstream text;
+    text << "0x" << std::hex << static_cast<unsigned>(key);
+    return text.str();
+}
+
+std::string Operations(const sembuf* operations, size_t count) {
+    std::string text;
+    for (size_t i = 0; operations != nullptr && i < count; ++i) {
+        const auto& [position, step, flags] = operations[i];
+        text += (i == 0 ? "" : ", ") + Words(position, (step > 0 ? "+" : "") + std::to_string(step));
+        if (flags != 0) text += " " + Flags(flags, kOperationFlags);
+    }
+    return "[" + text + "]";
+}
+
+/// As libc decides it; what is not there must not be read.
+FAKE_UNINSTRUMENTED bool TakesArgument(int command) {
+    switch (command) {
+        case SETVAL:
+        case GETALL:
+        case SETALL:
+        case IPC_STAT:
+        case IPC_SET:
+        case IPC_INFO:
+        case SEM_STAT:
+        case SEM_INFO:
+        case SEM_STAT_ANY:
+            return true;
+        default:
+            return false;
+    }
+}
+
+std::string QueueFlags(int flags) { return Flags(flags, kQueueFlags); }
+
 // --- The journal ---
 
 /// What the open journal has noted. Never destroyed.
@@ -310,9 +540,12 @@ Notes& TheNotes() {
 
 const std::vector<const AnyHook*>& DefaultHooks() {
     static const std::vector<const AnyHook*> hooks{
-        &socket,      &accept,   &bind,      &listen,      &connect,   &send,       &sendto,     &recv,
-        &recvfrom,    &select,   &ioctl,     &fcntl,       &close,     &setsockopt, &getsockopt, &getsockname,
-        &getpeername, &shutdown, &nanosleep, &sched_yield, &setrlimit, &abort};
+        &socket,     &accept,      &bind,        &listen,   &connect,   &send,        &sendto,
+        &recv,       &recvfrom,    &select,      &ioctl,    &fcntl,     &close,       &setsockopt,
+        &getsockopt, &getsockname, &getpeername, &shutdown, &nanosleep, &sched_yield, &setrlimit,
+        &abort,      &fopen,       &fclose,      &open,     &access,    &mkdir,       &umask,
+        &unlink,     &file_status, &getcwd,      &ftok,     &semget,    &semop,       &semtimedop,
+        &semctl,     &msgget,      &msgsnd,      &msgrcv,   &msgctl,    &sigaction,   &sigprocmask};
     return hooks;
 }
 
@@ -360,7 +593,9 @@ class Note {
                 Entry& entry = notes.entries[m_Index];
                 entry.result = AsNumber(result);
                 entry.error = entry.result == -1 ? error : 0;
-                if (entry.function == std::string("socket")) entry.fd = static_cast<int>(entry.result);
+                if (entry.function == "socket" || entry.function == "open") {
+                    entry.fd = static_cast<int>(entry.result);
+                }
             }
         }
         errno = error;
@@ -412,6 +647,16 @@ Entry For(int fd, std::string text = {}) { return {{}, std::move(text), fd, {}, 
 
 Entry Sending(int fd, const void* data, size_t size, std::string text) {
     return {{}, std::move(text), fd, std::string(static_cast<const char*>(data), size), 0, 0, 0};
+}
+
+Entry SendingMessage(int queue, const void* message, size_t size, int flags) {
+    // The kernel refuses more by default: whether that much is there is not certain.
+    constexpr size_t kMost = 8192;
+    long type;
+    std::memcpy(&type, message, sizeof type);
+    Entry entry = Plain(Words(queue, "[type " + std::to_string(type) + "]", size, QueueFlags(flags)));
+    if (size <= kMost) entry.data.assign(static_cast<const char*>(message) + sizeof type, size);
+    return entry;
 }
 
 void Open(std::vector<const AnyHook*> hooks, Threads threads) {
@@ -561,13 +806,8 @@ FAKE_UNINSTRUMENTED int fcntl(int fd, int command, ...) {
     va_start(arguments, command);
     const long argument = va_arg(arguments, long);
     va_end(arguments);
-    const auto text = [&] {
-        // Commands without argument, or with a pointer, would print noise.
-        const bool has_number = command == F_SETFD || command == F_SETFL;
-        const std::string name = NameOf(command, kCommands);
-        return For(fd, has_number ? Words(name, static_cast<int>(argument)) : name);
-    };
-    return Call(fake::fcntl, text, fd, command, argument);
+    return Call(
+        fake::fcntl, [&] { return For(fd, FcntlText(command, argument)); }, fd, command, argument);
 }
 
 FAKE_UNINSTRUMENTED int setsockopt(int fd, int level, int option, const void* value,
@@ -602,6 +842,133 @@ FAKE_UNINSTRUMENTED int shutdown(int fd, int how) noexcept {
 FAKE_UNINSTRUMENTED int close(int fd) {
     return Call(
         fake::close, [&] { return For(fd); }, fd);
+}
+
+FAKE_UNINSTRUMENTED FILE* fopen(const char* path, const char* mode) {
+    return Call(
+        fake::fopen, [&] { return Plain(Words(Path(path), mode)); }, path, mode);
+}
+
+FAKE_UNINSTRUMENTED int fclose(FILE* file) {
+    return Call(
+        fake::fclose, [&] { return For(::fileno(file)); }, file);
+}
+
+FAKE_UNINSTRUMENTED int open(const char* path, int flags, ...) {
+    mode_t mode = 0;
+    if (NeedsMode(flags)) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t);
+        va_end(arguments);
+    }
+    return Call(
+        fake::open, [&] { return Plain(OpenText(path, flags, mode)); }, path, flags, mode);
+}
+
+FAKE_UNINSTRUMENTED int access(const char* path, int mode) noexcept {
+    const auto text = [&] {
+        return Plain(Words(Path(path), mode == F_OK ? "F_OK" : Flags(mode, kAccessModes)));
+    };
+    return Call(fake::access, text, path, mode);
+}
+
+FAKE_UNINSTRUMENTED int mkdir(const char* path, mode_t mode) noexcept {
+    return Call(
+        fake::mkdir, [&] { return Plain(Words(Path(path), Octal(mode))); }, path, mode);
+}
+
+FAKE_UNINSTRUMENTED mode_t umask(mode_t mask) noexcept {
+    return Call(
+        fake::umask, [&] { return Plain(Octal(mask)); }, mask);
+}
+
+FAKE_UNINSTRUMENTED int unlink(const char* path) noexcept {
+    return Call(
+        fake::unlink, [&] { return Plain(Path(path)); }, path);
+}
+
+FAKE_UNINSTRUMENTED int FileStatus(const char* path, void* status) noexcept __asm__(FAKE_STATUS_SYMBOL);
+FAKE_UNINSTRUMENTED int FileStatus(const char* path, void* status) noexcept {
+    return Call(
+        fake::file_status, [&] { return Plain(Path(path)); }, path, status);
+}
+
+FAKE_UNINSTRUMENTED char* getcwd(char* path, size_t size) noexcept {
+    return Call(
+        fake::getcwd, [&] { return Plain(Words(size)); }, path, size);
+}
+
+FAKE_UNINSTRUMENTED key_t ftok(const char* path, int id) noexcept {
+    return Call(
+        fake::ftok, [&] { return Plain(Words(Path(path), id)); }, path, id);
+}
+
+FAKE_UNINSTRUMENTED int semget(key_t key, int count, int flags) noexcept {
+    const auto text = [&] { return Plain(Words(KeyText(key), count, FlagsAndMode(flags, kIpcFlags))); };
+    return Call(fake::semget, text, key, count, flags);
+}
+
+FAKE_UNINSTRUMENTED int semop(int set, sembuf* operations, size_t count) noexcept {
+    const auto text = [&] { return Plain(Words(set, Operations(operations, count))); };
+    return Call(fake::semop, text, set, operations, count);
+}
+
+FAKE_UNINSTRUMENTED int semtimedop(int set, sembuf* operations, size_t count,
+                                   const timespec* timeout) noexcept {
+    const auto text = [&] { return Plain(Words(set, Operations(operations, count), Duration(timeout))); };
+    return Call(fake::semtimedop, text, set, operations, count, timeout);
+}
+
+FAKE_UNINSTRUMENTED int semctl(int set, int position, int command, ...) noexcept {
+    long argument = 0;
+    if (TakesArgument(command)) {
+        va_list arguments;
+        va_start(arguments, command);
+        const SemaphoreArgument by_value = va_arg(arguments, SemaphoreArgument);
+        va_end(arguments);
+        argument = command == SETVAL ? by_value.value : reinterpret_cast<long>(by_value.address);
+    }
+    const auto text = [&] {
+        const std::string words = Words(set, position, NameOf(command, kControls));
+        // An address would print noise.
+        return Plain(command == SETVAL ? Words(words, argument) : words);
+    };
+    return Call(fake::semctl, text, set, position, command, argument);
+}
+
+FAKE_UNINSTRUMENTED int msgget(key_t key, int flags) noexcept {
+    const auto text = [&] { return Plain(Words(KeyText(key), FlagsAndMode(flags, kIpcFlags))); };
+    return Call(fake::msgget, text, key, flags);
+}
+
+FAKE_UNINSTRUMENTED int msgsnd(int queue, const void* message, size_t size, int flags) {
+    return Call(
+        fake::msgsnd, [&] { return SendingMessage(queue, message, size, flags); }, queue, message, size,
+        flags);
+}
+
+FAKE_UNINSTRUMENTED ssize_t msgrcv(int queue, void* message, size_t size, long type, int flags) {
+    const auto text = [&] { return Plain(Words(queue, size, type, QueueFlags(flags))); };
+    return Call(fake::msgrcv, text, queue, message, size, type, flags);
+}
+
+FAKE_UNINSTRUMENTED int msgctl(int queue, int command, msqid_ds* state) noexcept {
+    const auto text = [&] { return Plain(Words(queue, NameOf(command, kControls))); };
+    return Call(fake::msgctl, text, queue, command, state);
+}
+
+FAKE_UNINSTRUMENTED int sigaction(int signal, const struct ::sigaction* action,
+                                  struct ::sigaction* old) noexcept {
+    return Call(
+        fake::sigaction, [&] { return Plain(ActionText(signal, action)); }, signal, action, old);
+}
+
+FAKE_UNINSTRUMENTED int sigprocmask(int how, const sigset_t* signals, sigset_t* old) noexcept {
+    const auto text = [&] {
+        return Plain(signals == nullptr ? "null" : Words(NameOf(how, kMaskings), Signals(*signals)));
+    };
+    return Call(fake::sigprocmask, text, how, signals, old);
 }
 
 FAKE_UNINSTRUMENTED time_t time(time_t* now) noexcept {

@@ -31,14 +31,18 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
+#include <sys/msg.h>
 #include <sys/resource.h>
 #include <sys/select.h>
+#include <sys/sem.h>
 #include <sys/socket.h>
 #include <sys/types.h>
 #include <time.h>
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <functional>
 #include <initializer_list>
 #include <new>
@@ -169,16 +173,25 @@ class Hook<Result(Args...)> : public AnyHook {
   public:
     using Armed = detail::Armed<Result, Args...>;
 
-    constexpr explicit Hook(const char* name, Ending ending = kReturns) : AnyHook(name), m_Ending(ending) {}
+    using Function = Result (*)(Args...);
+
+    constexpr explicit Hook(const char* name, Ending ending = kReturns)
+        : AnyHook(name), m_Symbol(name), m_Ending(ending) {}
+    /// A function with another name for the linker.
+    constexpr Hook(const char* name, const char* symbol)
+        : AnyHook(name), m_Symbol(symbol), m_Ending(kReturns) {}
+    /// A function that is called by way of `real`.
+    constexpr Hook(const char* name, Function real)
+        : AnyHook(name), m_Symbol(name), m_Real(real), m_Ending(kReturns) {}
 
     /// Calls the real function.
     FAKE_UNINSTRUMENTED Result Real(Args... args) {
-        void* real = __atomic_load_n(&m_Real, __ATOMIC_RELAXED);
+        Function real = __atomic_load_n(&m_Real, __ATOMIC_RELAXED);
         if (real == nullptr) {
-            real = detail::FindReal(m_Name);
+            real = reinterpret_cast<Function>(detail::FindReal(m_Symbol));
             __atomic_store_n(&m_Real, real, __ATOMIC_RELAXED);
         }
-        return reinterpret_cast<Result (*)(Args...)>(real)(args...);
+        return real(args...);
     }
 
     FAKE_UNINSTRUMENTED bool IsArmed() const { return __atomic_load_n(&m_Top, __ATOMIC_RELAXED) != nullptr; }
@@ -230,7 +243,8 @@ class Hook<Result(Args...)> : public AnyHook {
         }
     };
 
-    void* m_Real = nullptr;
+    const char* const m_Symbol;
+    Function m_Real = nullptr;
     Armed* m_Top = nullptr;
     const Ending m_Ending;
 };
@@ -304,6 +318,29 @@ extern Hook<int(int, sockaddr*, socklen_t*)> getsockname;
 extern Hook<int(int, sockaddr*, socklen_t*)> getpeername;
 extern Hook<int(int, int)> shutdown;
 extern Hook<int(int)> close;
+extern Hook<FILE*(const char*, const char*)> fopen;
+extern Hook<int(FILE*)> fclose;
+/// The mode is 0 where the flags need none.
+extern Hook<int(const char*, int, mode_t)> open;
+extern Hook<int(const char*, int)> access;
+extern Hook<int(const char*, mode_t)> mkdir;
+extern Hook<mode_t(mode_t)> umask;
+extern Hook<int(const char*)> unlink;
+/// `stat`, by the name under which the library calls it; its record is that of 64-bit sizes and times.
+extern Hook<int(const char*, void*)> file_status;
+extern Hook<char*(char*, size_t)> getcwd;
+extern Hook<key_t(const char*, int)> ftok;
+extern Hook<int(key_t, int, int)> semget;
+extern Hook<int(int, sembuf*, size_t)> semop;
+extern Hook<int(int, sembuf*, size_t, const timespec*)> semtimedop;
+/// The last argument is the value or the address, 0 where the command needs none.
+extern Hook<int(int, int, int, long)> semctl;
+extern Hook<int(key_t, int)> msgget;
+extern Hook<int(int, const void*, size_t, int)> msgsnd;
+extern Hook<ssize_t(int, void*, size_t, long, int)> msgrcv;
+extern Hook<int(int, int, msqid_ds*)> msgctl;
+extern Hook<int(int, const struct ::sigaction*, struct ::sigaction*)> sigaction;
+extern Hook<int(int, const sigset_t*, sigset_t*)> sigprocmask;
 extern Hook<time_t(time_t*)> time;
 extern Hook<int(clockid_t, timespec*)> clock_gettime;
 extern Hook<int(const timespec*, timespec*)> nanosleep;
@@ -418,12 +455,15 @@ class Counter : public detail::ArmedFor<Signature>::Type {
 /// --- The journal ---
 
 /// One call. `text` is "function arguments" without the descriptor, with constants by their names:
-/// "setsockopt SOL_SOCKET SO_RCVTIMEO {2, 500000}", "bind [::]:20003", "send 24 MSG_NOSIGNAL", "close".
+/// "setsockopt SOL_SOCKET SO_RCVTIMEO {2, 500000}", "bind [::]:20003", "send 24 MSG_NOSIGNAL", "close",
+/// "open /tmp/a O_RDWR|O_CREAT 0666", "fcntl F_SETLKW F_WRLCK SEEK_SET {0, 0}", "semop 5 [0 0, 1 +1
+/// SEM_UNDO]", "semctl 5 0 SETVAL 1", "msgsnd 5 [type 1] 24 IPC_NOWAIT", "sigaction SIGIO handler
+/// SA_RESTART".
 struct Entry {
     std::string function;
     std::string text;
-    int fd;            ///< descriptor the call was for (the new one for `socket`); -1 if none
-    std::string data;  ///< bytes sent
+    int fd;            ///< descriptor the call was for (the new one for `socket` and `open`); -1 if none
+    std::string data;  ///< bytes sent, or of a message
     long result;       ///< meaningful once the call has returned
     int error;         ///< errno if the result is -1, otherwise 0
     pid_t tid;
@@ -434,8 +474,8 @@ void PrintTo(const Entry& entry, std::ostream* stream);
 /// The calls made while it lives. One at a time.
 class Journal {
   public:
-    /// Notes sockets, descriptors and sleeps: everything but clocks, ids, `sysconf`, `syscall`, memory, the
-    /// back-trace, locks and threads.
+    /// Notes sockets, descriptors, files, signals, what processes share, and sleeps: everything but clocks,
+    /// ids, `sysconf`, `syscall`, memory, the back-trace, locks and threads.
     explicit Journal(Threads threads = kAllThreads);
     /// Notes these functions only.
     explicit Journal(std::initializer_list<const AnyHook*> hooks, Threads threads = kAllThreads);
