@@ -5,6 +5,10 @@
 #include <kova/base_object.h>
 #include <kova/clock.h>
 #include <kova/config.h>
+#include <kova/file_list.h>
+#include <kova/file_location.h>
+#include <kova/file_notify.h>
+#include <kova/filename.h>
 #include <kova/flat_msg.h>
 #include <kova/id.h>
 #include <kova/inet_addr.h>
@@ -12,10 +16,15 @@
 #include <kova/local_mutex.h>
 #include <kova/local_rwlock.h>
 #include <kova/local_semaphore.h>
+#include <kova/message_queue.h>
 #include <kova/msg_pattern.h>
 #include <kova/net32.h>
 #include <kova/process.h>
 #include <kova/request.h>
+#include <kova/shared_event.h>
+#include <kova/shared_mutex.h>
+#include <kova/shared_rwlock.h>
+#include <kova/shared_semaphore.h>
 #include <kova/socket_wrapper.h>
 #include <kova/tcp_socket.h>
 #include <kova/thread.h>

@@ -89,7 +89,8 @@ bool KovaUDPSocket::Bind() {
     wildcard.sin6_port = m_Local.GetPort();
     if (::bind(m_Socket, kova::AsSockaddr(wildcard), sizeof wildcard) < 0) {
         KOVA_FAIL(errno, "bind udp port=%u errno=%d", port, errno);
-        Close();
+        // Releases the descriptor only: what a derived class does besides is for closing on purpose.
+        KovaUDPSocket::Close();
         return false;
     }
     m_Bound = true;

@@ -11,7 +11,9 @@ namespace kova {
 
 inline timeval ToTimeval(int32_t ms) { return {ms / 1000, suseconds_t{ms % 1000} * 1000}; }
 
-inline timespec ToTimespec(int32_t ms) { return {ms / 1000, long{ms % 1000} * 1000000}; }
+inline timespec ToTimespec(int64_t ms) {
+    return {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000};
+}
 
 }  // namespace kova
 

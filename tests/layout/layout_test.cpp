@@ -19,16 +19,25 @@
 #define protected public
 #include <kova/base_object.h>
 #include <kova/clock.h>
+#include <kova/file_list.h>
+#include <kova/file_location.h>
+#include <kova/file_notify.h>
+#include <kova/filename.h>
 #include <kova/flat_msg.h>
 #include <kova/id.h>
 #include <kova/inet_addr.h>
 #include <kova/local_mutex.h>
 #include <kova/local_rwlock.h>
 #include <kova/local_semaphore.h>
+#include <kova/message_queue.h>
 #include <kova/msg_pattern.h>
 #include <kova/net32.h>
 #include <kova/process.h>
 #include <kova/request.h>
+#include <kova/shared_event.h>
+#include <kova/shared_mutex.h>
+#include <kova/shared_rwlock.h>
+#include <kova/shared_semaphore.h>
 #include <kova/socket_wrapper.h>
 #include <kova/tcp_socket.h>
 #include <kova/thread.h>
@@ -279,6 +288,57 @@ TEST(Layout, Request) {
     ExpectSize(28, sizeof request);
 }
 
+// --- Files, and objects that processes share ---
+
+TEST(Layout, Filename) {
+    const KovaFilename name;
+    ExpectPlaces({PLACE(name, m_ErrorCode, 4), PLACE(name, m_Path, 16)});
+    ExpectSize(40, sizeof name);
+}
+
+TEST(Layout, SharedMutex) {
+    const KovaSharedMutex mutex("layout");
+    ExpectPlaces({PLACE(mutex, m_Handle, 4), PLACE(mutex, m_Name, 8), PLACE(mutex, m_Trace, 72),
+                  PLACE(mutex, m_ErrorCode, 80)});
+    static_assert(sizeof mutex.m_Name == 64 && sizeof mutex.m_Trace == 1);
+    ExpectSize(92, sizeof mutex);
+}
+
+TEST(Layout, SharedSemaphore) {
+    const KovaSharedSemaphore semaphore("layout", 0, 1);
+    ExpectPlaces({PLACE(semaphore, m_Handle, 4), PLACE(semaphore, m_Name, 8), PLACE(semaphore, m_Trace, 72),
+                  PLACE(semaphore, m_ErrorCode, 80)});
+    static_assert(sizeof semaphore.m_Name == 64 && sizeof semaphore.m_Trace == 1);
+    ExpectSize(92, sizeof semaphore);
+}
+
+TEST(Layout, SharedReadWriteLock) {
+    const KovaSharedReadWriteLock lock("layout");
+    ExpectPlaces({PLACE(lock, m_Semaphore, 4), PLACE(lock, m_Trace, 96),
+                  PLACE(lock, KovaBaseObject::m_ErrorCode, 104)});
+    ExpectSize(116, sizeof lock);
+    static_assert(std::is_same_v<const int[2], decltype(KovaSharedReadWriteLock::m_InitVals)>);
+    EXPECT_EQ(0, KovaSharedReadWriteLock::m_InitVals[0]);
+    EXPECT_EQ(1, KovaSharedReadWriteLock::m_InitVals[1]);
+}
+
+TEST(Layout, MessageQueue) {
+    char name[] = "layout";
+    const KovaMessageQueue queue(name);
+    ExpectPlaces({PLACE(queue, m_Handle, 4), PLACE(queue, m_Name, 8), PLACE(queue, m_Error, 72),
+                  PLACE(queue, m_ErrorCode, 80)});
+    static_assert(sizeof queue.m_Name == 64);
+    ExpectSize(92, sizeof queue);
+}
+
+TEST(Layout, SharedEvent) {
+    const KovaSharedEvent event;
+    ExpectPlaces({PLACE(event, m_Bound, 200), PLACE(event, m_EventAddress, 204), PLACE(event, m_Name, 284),
+                  PLACE(event, m_Closed, 316), PLACE(event, KovaBaseObject::m_ErrorCode, 324)});
+    static_assert(sizeof event.m_Name == 32 && sizeof event.m_Closed == 1);
+    ExpectSize(336, sizeof event);
+}
+
 TEST(Layout, FieldsThatThreadsShareAreLockFreeWords) {
     static_assert(decltype(sKovaLocalSemaphore::count)::is_always_lock_free);
     static_assert(decltype(KovaThread::m_Status)::is_always_lock_free);
@@ -345,6 +405,13 @@ TEST(VirtualTable, BeginsWithTheDestructorPair) {
     ExpectDestructorPair<KovaRelativeTime>(0l, true);
     ExpectDestructorPair<Pattern>();
     ExpectDestructorPair<KovaRequest>();
+    ExpectDestructorPair<KovaFilename>();
+    ExpectDestructorPair<KovaSharedMutex>("layout");
+    ExpectDestructorPair<KovaSharedSemaphore>("layout", 0, 1);
+    ExpectDestructorPair<KovaSharedReadWriteLock>("layout");
+    char name[] = "layout";
+    ExpectDestructorPair<KovaMessageQueue>(name);
+    ExpectDestructorPair<KovaSharedEvent>();
 }
 
 /// A class derived from `Class` gets the first slot behind those of `Class`.
@@ -360,6 +427,11 @@ TEST(VirtualTable, HoldsTheDestructorOnlyWhereNothingIsToBeOverridden) {
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaLocalReadWriteLock>::Own));
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaThreadContext>::Own));
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaRequest>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaFilename>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaSharedMutex>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaSharedSemaphore>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaSharedReadWriteLock>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaMessageQueue>::Own));
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaBaseObject>::Own));
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaInetAddr>::Own));
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaFlatMsg>::Own));
@@ -412,6 +484,11 @@ TEST(VirtualTable, UdpSocket) {
     EXPECT_EQ(20u, SlotOf<void (Udp::*)()>(&Udp::InitComplete));
     EXPECT_EQ(21u, SlotOf(&Udp::ServerIntern));
     EXPECT_EQ(22u, SlotOf(&Next<Udp>::Own));
+}
+
+TEST(VirtualTable, SharedEventIsAnUdpSocket) {
+    EXPECT_EQ(11u, SlotOf<void (KovaSharedEvent::*)()>(&KovaSharedEvent::Close));
+    EXPECT_EQ(22u, SlotOf(&Next<KovaSharedEvent>::Own));
 }
 
 TEST(VirtualTable, Time) {
