@@ -31,21 +31,6 @@ bool IsPrintable(uint32_t character, size_t length) {
     return character >= kSmallest[length] && character <= 0x10FFFF;
 }
 
-/// Length of the printable character at `position`, 0 if there is none.
-size_t CharacterLength(std::string_view bytes, size_t position) {
-    const uint8_t lead = ByteAt(bytes, position);
-    const size_t length = SequenceLength(lead);
-    if (length == 0 || length > bytes.size() - position) return 0;
-
-    uint32_t character = length == 1 ? lead : lead & (0xFFu >> (length + 1));
-    for (size_t i = 1; i < length; ++i) {
-        const uint8_t byte = ByteAt(bytes, position + i);
-        if (!IsContinuation(byte)) return 0;
-        character = character << 6 | (byte & 0x3Fu);
-    }
-    return IsPrintable(character, length) ? length : 0;
-}
-
 std::string HexLine(std::string_view bytes, size_t offset) {
     char number[24];
     std::snprintf(number, sizeof number, "%08zx ", offset);
@@ -85,6 +70,20 @@ std::string_view CutText(std::string_view text, size_t limit) {
 
 }  // namespace
 
+size_t CharacterLength(std::string_view bytes, size_t position) {
+    const uint8_t lead = ByteAt(bytes, position);
+    const size_t length = SequenceLength(lead);
+    if (length == 0 || length > bytes.size() - position) return 0;
+
+    uint32_t character = length == 1 ? lead : lead & (0xFFu >> (length + 1));
+    for (size_t i = 1; i < length; ++i) {
+        const uint8_t byte = ByteAt(bytes, position + i);
+        if (!IsContinuation(byte)) return 0;
+        character = character << 6 | (byte & 0x3Fu);
+    }
+    return IsPrintable(character, length) ? length : 0;
+}
+
 bool IsText(std::string_view bytes) {
     for (size_t position = 0; position < bytes.size();) {
         const size_t length = CharacterLength(bytes, position);
@@ -100,9 +99,9 @@ std::string HexDump(std::string_view bytes) {
     return dump;
 }
 
-std::string BodyText(std::string_view body, size_t limit) {
+std::string BodyText(std::string_view body, size_t limit, bool always_hex) {
     if (limit == 0) limit = body.size();
-    const bool is_text = IsText(body);
+    const bool is_text = !always_hex && IsText(body);
     const std::string_view shown = is_text ? CutText(body, limit) : body.substr(0, limit);
     std::string text = Indented(is_text ? std::string(shown) : HexDump(shown));
     if (shown.size() < body.size()) {
@@ -110,6 +109,21 @@ std::string BodyText(std::string_view body, size_t limit) {
             .append("... ")
             .append(std::to_string(body.size() - shown.size()))
             .append(" more bytes\n");
+    }
+    return text;
+}
+
+std::string NameText(std::string_view name) {
+    std::string text;
+    for (size_t position = 0; position < name.size();) {
+        const size_t length = ByteAt(name, position) < 0x20 ? 0 : CharacterLength(name, position);
+        if (length == 0) {
+            char number[8];
+            std::snprintf(number, sizeof number, "\\x%02x", ByteAt(name, position));
+            text += number;
+        }
+        text += name.substr(position, length);
+        position += length == 0 ? 1 : length;
     }
     return text;
 }

@@ -1,4 +1,6 @@
 // kova: the command-line tool. Reads the command line and hands over to the command.
+#include "command_line.h"
+#include "host_commands.h"
 #include "report.h"
 #include "send.h"
 #include "serve.h"
@@ -8,46 +10,11 @@
 
 #include <CLI/CLI.hpp>
 
-#include <charconv>
 #include <cstdint>
 #include <exception>
-#include <functional>
-#include <limits>
 #include <string>
-#include <system_error>
 
 namespace {
-
-constexpr const char* kExitCodes =
-    "Exit codes:\n"
-    "  0  done\n"
-    "  1  the library or the system failed; its error record is printed\n"
-    "  2  wrong options or operands\n"
-    "  3  sent, but rejected by the peer or not answered in time";
-
-/// The command that the command line names.
-typedef std::function<int()> Command;
-
-/// Refuses what the parser would make a number of: empty texts, and negative ones for unsigned types.
-template <typename Number>
-std::string CheckNumber(const std::string& text) {
-    Number number{};
-    const char* const end = text.data() + text.size();
-    const auto parsed = std::from_chars(text.data(), end, number);
-    if (parsed.ec == std::errc() && parsed.ptr == end) return {};
-    using Limits = std::numeric_limits<Number>;
-    return "'" + text + "' is not a number from " + std::to_string(Limits::min()) + " to " +
-           std::to_string(Limits::max());
-}
-
-/// An option with a number, its default and its unit in the help.
-template <typename Number>
-CLI::Option* AddNumber(CLI::App& app, const char* name, Number& value, const char* unit, const char* help) {
-    return app.add_option(name, value, help)
-        ->capture_default_str()
-        ->type_name(unit)
-        ->check(CheckNumber<Number>);
-}
 
 void AddServe(CLI::App& app, ServeOptions& options, Command& command) {
     CLI::App& serve =
@@ -120,7 +87,7 @@ void AddTrace(CLI::App& app, TraceShowOptions& options, Command& command) {
 }
 
 int Run(int argc, char** argv) {
-    CLI::App app("Sends, receives and shows what services with libkova exchange.", "kova");
+    CLI::App app("Sends, receives and shows what services with libkova exchange and share.", "kova");
     app.set_version_flag("--version", "kova " KOVA_VERSION);
     app.require_subcommand(1);
     app.footer("'kova COMMAND --help' tells more about a command.\n\n" + std::string(kExitCodes));
@@ -129,8 +96,10 @@ int Run(int argc, char** argv) {
     ServeOptions serve;
     SendOptions send;
     TraceShowOptions trace;
+    HostOptions host;
     AddServe(app, serve, command);
     AddSend(app, send, command);
+    AddHostCommands(app, host, command);
     AddTrace(app, trace, command);
     try {
         app.parse(argc, argv);

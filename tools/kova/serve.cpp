@@ -1,5 +1,6 @@
 #include "serve.h"
 
+#include "end_signals.h"
 #include "inbox.h"
 #include "report.h"
 #include "stream.h"
@@ -28,20 +29,6 @@ namespace {
 constexpr size_t kMaxConnections = 256;
 /// How long a refused peer may go on sending before its connection is closed.
 constexpr std::chrono::seconds kDrainTime{3};
-
-sigset_t EndSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    return signals;
-}
-
-/// Keeps the signals for the thread that waits for them; threads made later inherit this.
-void BlockEndSignals() {
-    const sigset_t signals = EndSignals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
 
 /// A thread that waits for SIGINT or SIGTERM and then calls `on_signal`. Outside a signal handler, so
 /// `on_signal` may do anything. Its destructor ends the wait as a signal does.
