@@ -43,10 +43,10 @@ KOVA_API void* KovaSetThreadSafeDir(const char* dir);
 /// Lists the names in `dir` (null: the directory of `pattern`) that match the wildcard `pattern` into `list`
 /// and returns how many there are in it. `dir`, expanded, becomes the thread's listing directory. The list
 /// ends where the next name and the end mark do not fit into `size` bytes. Sorted by name, or with
-/// `byDateTime` by time of modification, the oldest first. By time `dir` must end in "/": without it no file
-/// is found and the order is undefined.
+/// `by_date_time` by time of modification, the oldest first. By time `dir` must end in "/": without it no
+/// file is found and the order is undefined.
 KOVA_API int KovaListFileOrdered(const char* dir, const char* pattern, char* list, unsigned int size,
-                                 int byDateTime);
+                                 int by_date_time);
 /// By name.
 KOVA_API int KovaListFileByAlpha(const char* dir, const char* pattern, char* list, unsigned int size);
 KOVA_API int KovaListFile(const char* dir, const char* pattern, char* list, unsigned int size);
@@ -57,11 +57,11 @@ KOVA_API int KovaListFileByDateTime(const char* dir, const char* pattern, char* 
 /// modified before, together with or after `b`. 0 and a line on standard error when one cannot be read.
 KOVA_API int DateTimeSort(const struct dirent** a, const struct dirent** b);
 
-/// The next file of a numbered set: the first number below `maxFiles` whose file does not exist, or the file
+/// The next file of a numbered set: the first number below `max_files` whose file does not exist, or the file
 /// that was modified longest ago if all do; empty for none. The number stands, zero-filled to as many digits
 /// as there are "?", for the first "?" or "*" of the name behind the last "/"; further ones are dropped. The
 /// result has a directory only if `pattern` begins with "/" or ".".
-KOVA_API char* KovaGetNextFile(const char* pattern, char* result, unsigned int size, unsigned int maxFiles);
+KOVA_API char* KovaGetNextFile(const char* pattern, char* result, unsigned int size, unsigned int max_files);
 }
 
 #endif

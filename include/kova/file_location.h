@@ -25,16 +25,17 @@
 extern "C" {
 
 /// Looks `name` up and copies its directory, which ends in "/", into `directory` (at least 4097 characters)
-/// unless that is null. 0 with `*isDefault` 0 when a row matched, 1 with `*isDefault` 1 for the default. In a
-/// pattern "*" also stands for "/" and for a leading dot.
-KOVA_API int zent_query_file_location(const char* name, char* directory, int* isDefault);
+/// unless that is null. 0 with `*is_default` 0 when a row matched, 1 with `*is_default` 1 for the default. In
+/// a pattern "*" also stands for "/" and for a leading dot.
+// NOLINTNEXTLINE(readability-identifier-naming): the name that its users know
+KOVA_API int zent_query_file_location(const char* name, char* directory, int* is_default);
 
 /// As above; always true. `directory` holds at least 4097 characters, whatever `size` says.
 KOVA_API bool KovaQueryFileLocation(const char* name, char* directory, unsigned int size);
 }
 
-/// Reads the environment variable `name`: true for "true" and "1", false for "false" and "0", `defaultValue`
+/// Reads the environment variable `name`: true for "true" and "1", false for "false" and "0", `default_value`
 /// for anything else and when it is not set.
-KOVA_API bool KovaIsEnabled(const std::string& name, bool defaultValue);
+KOVA_API bool KovaIsEnabled(const std::string& name, bool default_value);
 
 #endif

@@ -66,12 +66,12 @@ class KOVA_API KovaFilename : public KovaBaseObject {
     bool CreatePath();
     /// Makes the file, empty, and its directories; true also when it exists. Mode 0666.
     bool CreateFile();
-    /// Chooses the first number below `maxFiles` (at most 10000) whose file does not exist, or the file that
+    /// Chooses the first number below `max_files` (at most 10000) whose file does not exist, or the file that
     /// was modified longest ago if all do, and returns the path. The number stands, zero-filled, for the "#"
     /// (or else
-    /// "*") of the name, or behind an added "_", and has as many digits as `maxFiles` - 1 or as there are
+    /// "*") of the name, or behind an added "_", and has as many digits as `max_files` - 1 or as there are
     /// marks.
-    const std::string& ResolveFileNo(unsigned int maxFiles);
+    const std::string& ResolveFileNo(unsigned int max_files);
 
   private:
     std::string m_Path;

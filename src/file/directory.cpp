@@ -63,8 +63,8 @@ int CompareModificationTimes(const char* directory, const char* a, const char* b
     if (!time_a) return 0;
     const auto time_b = ReadTimeOrTell(path.Of(b));
     if (!time_b) return 0;
-    const auto order = *time_a <=> *time_b;
-    return order < 0 ? -1 : order > 0;
+    if (*time_a < *time_b) return -1;
+    return *time_b < *time_a ? 1 : 0;
 }
 
 DirectoryEntries::DirectoryEntries(const char* directory, Order order, const char* prefix) {
@@ -87,7 +87,7 @@ const char* DirectoryEntries::Name(size_t index) const { return m_Entries[index]
 void DirectoryEntries::SortByTime(const char* prefix) {
     if (SortByTimesReadOnce(prefix)) return;
     // As the comparison gives it, unreadable files and their messages included.
-    ::qsort_r(m_Entries, m_Count, sizeof *m_Entries, CompareEntries, const_cast<char*>(prefix));
+    ::qsort_r(m_Entries, m_Count, sizeof(void*), CompareEntries, const_cast<char*>(prefix));
 }
 
 /// False, and nothing sorted, when a file cannot be read.

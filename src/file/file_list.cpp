@@ -161,7 +161,7 @@ char* KovaReplaceEnvInSting(char* text, unsigned int size) {
             const size_t new_length = length - (end - at) + value_length;
             if (new_length < size) {
                 std::memmove(text + at + value_length, text + end, length - end + 1);
-                std::memcpy(text + at, value, value_length);
+                std::copy_n(value, value_length, text + at);
                 length = new_length;
             }
             break;
@@ -218,7 +218,8 @@ void* KovaSetThreadSafeDir(const char* dir) {
     return buffer;
 }
 
-int KovaListFileOrdered(const char* dir, const char* pattern, char* list, unsigned int size, int byDateTime) {
+int KovaListFileOrdered(const char* dir, const char* pattern, char* list, unsigned int size,
+                        int by_date_time) {
     if (list == nullptr) return 0;
     ListWriter writer(list, size);
     if (pattern == nullptr) return 0;
@@ -233,7 +234,7 @@ int KovaListFileOrdered(const char* dir, const char* pattern, char* list, unsign
     text.Append(listed.Text());
     if (!text.Text().ends_with('/')) text.Append("/");
 
-    const auto order = byDateTime != 0 ? kova::DirectoryEntries::kByTime : kova::DirectoryEntries::kByName;
+    const auto order = by_date_time != 0 ? kova::DirectoryEntries::kByTime : kova::DirectoryEntries::kByName;
     const kova::DirectoryEntries entries(directory, order, listed.Get());
     int count = 0;
     for (size_t i = 0; i < entries.Count(); ++i) {
@@ -262,7 +263,7 @@ int DateTimeSort(const struct dirent** a, const struct dirent** b) {
     return kova::CompareModificationTimes(directory != nullptr ? directory : "", (*a)->d_name, (*b)->d_name);
 }
 
-char* KovaGetNextFile(const char* pattern, char* result, unsigned int size, unsigned int maxFiles) {
+char* KovaGetNextFile(const char* pattern, char* result, unsigned int size, unsigned int max_files) {
     static char own[kPathSize];
     const Destination to(result, size, own);
     const std::string_view text = TextOf(pattern);
@@ -271,7 +272,7 @@ char* KovaGetNextFile(const char* pattern, char* result, unsigned int size, unsi
     char buffer[kPathSize];
     const std::string_view directory = KovaFilePath(pattern, buffer, sizeof buffer);
     const std::string_view name = text.substr(text.rfind('/') + 1);
-    const std::string file = NextFile(directory, name, NumberWidth(text, maxFiles), maxFiles);
+    const std::string file = NextFile(directory, name, NumberWidth(text, max_files), max_files);
     const bool with_directory = NamesItsPlace(text) || file.empty();
     return to.Write(with_directory ? file : std::string_view(file).substr(directory.size()));
 }

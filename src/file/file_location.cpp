@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 
 namespace {
@@ -30,25 +29,26 @@ constexpr std::array<Location, 8> kLocations{{
 void CopyDirectory(const Location& location, char* directory) {
     if (directory == nullptr) return;
     const std::string_view text(location.directory);
-    const size_t copied = text.copy(directory, text.size());
-    directory[copied] = '\0';
-    if (!text.ends_with('/')) std::strcpy(directory + copied, "/");
+    directory += text.copy(directory, text.size());
+    if (!text.ends_with('/')) *directory++ = '/';
+    *directory = '\0';
+}
+
+int Tell(bool found_by_default, int* is_default) {
+    if (is_default != nullptr) *is_default = found_by_default ? 1 : 0;
+    return found_by_default ? 1 : 0;
 }
 
 }  // namespace
 
-int zent_query_file_location(const char* name, char* directory, int* isDefault) {
-    int ignored;
-    int& is_default = isDefault != nullptr ? *isDefault : ignored;
-    is_default = 0;
+int zent_query_file_location(const char* name, char* directory, int* is_default) {
     for (const Location& location : kLocations) {
         if (::fnmatch(location.pattern, name != nullptr ? name : "", 0) != 0) continue;
         CopyDirectory(location, directory);
-        return 0;
+        return Tell(false, is_default);
     }
     CopyDirectory(kLocations.back(), directory);
-    is_default = 1;
-    return 1;
+    return Tell(true, is_default);
 }
 
 // Deliberate: the size is not used.
@@ -58,10 +58,10 @@ bool KovaQueryFileLocation(const char* name, char* directory, unsigned int) {
     return true;
 }
 
-bool KovaIsEnabled(const std::string& name, bool defaultValue) {
+bool KovaIsEnabled(const std::string& name, bool default_value) {
     const char* const value = std::getenv(name.c_str());
     const std::string_view text = value != nullptr ? value : "";
     if (text == "true" || text == "1") return true;
     if (text == "false" || text == "0") return false;
-    return defaultValue;
+    return default_value;
 }

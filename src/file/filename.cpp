@@ -209,9 +209,9 @@ bool KovaFilename::CreateFile() {
     return false;
 }
 
-const std::string& KovaFilename::ResolveFileNo(unsigned int maxFiles) {
+const std::string& KovaFilename::ResolveFileNo(unsigned int max_files) {
     if (!CreatePath()) return m_Path;
-    const unsigned count = std::min(maxFiles, kMostFiles);
+    const unsigned count = std::min(max_files, kMostFiles);
 
     NumberField field{};
     if (!FindNumberField(m_Path, field)) {
@@ -219,7 +219,7 @@ const std::string& KovaFilename::ResolveFileNo(unsigned int maxFiles) {
         AppendToName("_#");
         if (!FindNumberField(m_Path, field)) return m_Path = unnumbered;
     }
-    const size_t width = std::max(NumberWidth(maxFiles), field.length);
+    const size_t width = std::max(NumberWidth(max_files), field.length);
     const std::string before = m_Path.substr(0, field.begin);
     const std::string after = m_Path.substr(field.begin + field.length);
     const unsigned number = kova::ChooseNumber(before, after, width, count).value_or(0);

@@ -2,7 +2,6 @@
 #ifndef KOVA_FILE_MODIFICATION_TIME_H
 #define KOVA_FILE_MODIFICATION_TIME_H
 
-#include <compare>
 #include <cstdint>
 #include <optional>
 
@@ -12,7 +11,9 @@ struct ModificationTime {
     int64_t seconds;
     int64_t nanoseconds;
 
-    auto operator<=>(const ModificationTime&) const = default;
+    friend bool operator<(const ModificationTime& a, const ModificationTime& b) {
+        return a.seconds != b.seconds ? a.seconds < b.seconds : a.nanoseconds < b.nanoseconds;
+    }
 };
 
 /// Nothing when the file's status cannot be read.

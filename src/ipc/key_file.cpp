@@ -57,7 +57,7 @@ void KeyFile::Delete() const {
 }
 
 int LockKeyFile(const char* path) {
-    UniqueFd fd(::open(path, O_RDWR));
+    UniqueFd fd(::open(path != nullptr ? path : "", O_RDWR));
     // Deliberate: descriptor 0 is refused as well.
     if (fd.Get() <= 0) {
         KOVA_TRACE("lock of key file=%s fd=%d errno=%d", path, fd.Get(), errno);

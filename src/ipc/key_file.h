@@ -45,7 +45,7 @@ class KeyFile {
 /// Takes the lock of a key file, waiting for it: the descriptor that holds it, or -1 after the abnormal end.
 int LockKeyFile(const char* path);
 /// Releases it. 0, or -1 after the abnormal end.
-int UnlockKeyFile(int fd);
+int UnlockKeyFile(int descriptor);
 
 /// Holds the lock of a key file.
 class KeyFileLock {

@@ -86,6 +86,9 @@ KovaPTid GetOwner(int set) {
 
 }  // namespace
 
+// Callers hold their handles by pointer, whatever is done with them.
+// NOLINTBEGIN(readability-non-const-parameter)
+
 int KovaSharedMutexCreate(int* handle, const char* name) {
     *handle = -1;
     kova::KeyFile file(name, kExtension);
@@ -191,6 +194,8 @@ KovaPTid& KovaSharedMutexGetOwner(int* handle, KovaPTid& owner) { return owner =
 int KovaSharedMutexCDLock(const char* path) { return kova::LockKeyFile(path); }
 
 int KovaSharedMutexCDUnlock(int fd) { return kova::UnlockKeyFile(fd); }
+
+// NOLINTEND(readability-non-const-parameter)
 
 KovaSharedMutex::KovaSharedMutex(const char* name) : m_Trace(true) {
     kova::StoreObjectName(name, m_Name);

@@ -111,6 +111,9 @@ bool IsPast(const KovaTimeSpec& deadline) {
 
 }  // namespace
 
+// Callers hold their handles by pointer, whatever is done with them.
+// NOLINTBEGIN(readability-non-const-parameter)
+
 int KovaSharedSemaphoreNCreate(int* handle, const char* name, const int* inits, int count) {
     *handle = -1;
     kova::KeyFile file(name, kExtension);
@@ -227,6 +230,8 @@ int KovaSemTimedOp(int set, struct sembuf* operations, unsigned int count, const
         KOVA_TRACE("semop set=%d tried again", set);
     }
 }
+
+// NOLINTEND(readability-non-const-parameter)
 
 KovaSharedSemaphore::KovaSharedSemaphore(const char* name, int init, int count) : m_Trace(true) {
     kova::StoreObjectName(name, m_Name);

@@ -951,16 +951,16 @@ void SetModified(const std::string& path, int64_t seconds, int64_t nanoseconds =
 class NumberedFile : public Filename {
   protected:
     /// What the numbered path below the test's directory becomes, without that directory.
-    std::string Resolved(const std::string& name, unsigned maxFiles) {
+    std::string Resolved(const std::string& name, unsigned max_files) {
         KovaFilename file(m_Dir + name);
-        const std::string& path = file.ResolveFileNo(maxFiles);
+        const std::string& path = file.ResolveFileNo(max_files);
         EXPECT_EQ(&file.PathFileName(), &path);
         EXPECT_EQ(m_Dir, path.substr(0, m_Dir.size()));
         return path.substr(m_Dir.size());
     }
     /// The same for a path that needs no directory.
-    static std::string ResolvedBare(const char* path, unsigned maxFiles) {
-        return Bare(path).ResolveFileNo(maxFiles);
+    static std::string ResolvedBare(const char* path, unsigned max_files) {
+        return Bare(path).ResolveFileNo(max_files);
     }
 
     void WriteModified(const std::string& name, int64_t seconds, int64_t nanoseconds = 0) const {

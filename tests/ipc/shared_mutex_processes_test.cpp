@@ -12,12 +12,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -132,9 +131,9 @@ class Own {
     int m_Set = -1;
 };
 
-class MutexProcesses : public ipc::Test {
+class SharedMutexProcesses : public ipc::Test {
   protected:
-    ~MutexProcesses() override { std::filesystem::remove(kPage); }
+    ~SharedMutexProcesses() override { std::filesystem::remove(kPage); }
 
     /// The first position's only waiter has come.
     static bool WaitsFor(int set) {
@@ -144,7 +143,7 @@ class MutexProcesses : public ipc::Test {
 
 // --- Who opens, who removes ---
 
-TEST_F(MutexProcesses, FirstMakesTheSetAndTheSecondOpensIt) {
+TEST_F(SharedMutexProcesses, FirstMakesTheSetAndTheSecondOpensIt) {
     User first;
     User second;
     const int set = first.Does("create m");
@@ -162,7 +161,7 @@ TEST_F(MutexProcesses, FirstMakesTheSetAndTheSecondOpensIt) {
     EXPECT_TRUE(std::filesystem::exists(kPath)) << "key files stay";
 }
 
-TEST_F(MutexProcesses, ProcessThatEndsWithoutDestroyingGivesItsReferenceBack) {
+TEST_F(SharedMutexProcesses, ProcessThatEndsWithoutDestroyingGivesItsReferenceBack) {
     Own own;
     User killed;
     User ended;
@@ -177,7 +176,7 @@ TEST_F(MutexProcesses, ProcessThatEndsWithoutDestroyingGivesItsReferenceBack) {
 }
 
 // Deliberate: the increment is taken back when the process ends, also when it has destroyed the mutex.
-TEST_F(MutexProcesses, ProcessThatDestroysAndThenEndsIsTakenOffTwice) {
+TEST_F(SharedMutexProcesses, ProcessThatDestroysAndThenEndsIsTakenOffTwice) {
     User user;
     User passing;
     const int set = user.Does("create m");
@@ -195,7 +194,7 @@ TEST_F(MutexProcesses, ProcessThatDestroysAndThenEndsIsTakenOffTwice) {
     EXPECT_EQ(-SIGABRT, user.Wait());
 }
 
-TEST_F(MutexProcesses, CounterOfADyingProcessEndsAtZero) {
+TEST_F(SharedMutexProcesses, CounterOfADyingProcessEndsAtZero) {
     User user;
     const int set = user.Does("create m");
     EXPECT_EQ(set, user.Does("create m"));
@@ -207,7 +206,7 @@ TEST_F(MutexProcesses, CounterOfADyingProcessEndsAtZero) {
     EXPECT_TRUE(ipc::Sets().empty());
 }
 
-TEST_F(MutexProcesses, PersistentSetOutlivesItsUsers) {
+TEST_F(SharedMutexProcesses, PersistentSetOutlivesItsUsers) {
     User first;
     const int set = first.Does("create m");
     EXPECT_EQ(0, first.Does("persist"));
@@ -226,7 +225,7 @@ TEST_F(MutexProcesses, PersistentSetOutlivesItsUsers) {
     ipc::Remove(set);
 }
 
-TEST_F(MutexProcesses, PersistentSetIsFoundWithItsLockState) {
+TEST_F(SharedMutexProcesses, PersistentSetIsFoundWithItsLockState) {
     User holder;
     User finder;
     const int set = holder.Does("create m");
@@ -242,7 +241,7 @@ TEST_F(MutexProcesses, PersistentSetIsFoundWithItsLockState) {
     ipc::Remove(set);
 }
 
-TEST_F(MutexProcesses, SetRemovedByAnotherEndsWaiterAndUsers) {
+TEST_F(SharedMutexProcesses, SetRemovedByAnotherEndsWaiterAndUsers) {
     User holder;
     User waiter;
     const int set = holder.Does("create m");
@@ -257,7 +256,7 @@ TEST_F(MutexProcesses, SetRemovedByAnotherEndsWaiterAndUsers) {
     EXPECT_EQ(-SIGABRT, holder.Wait());
 }
 
-TEST_F(MutexProcesses, KeyFileRemovedUnderAHolderMeansAnotherMutexForTheNext) {
+TEST_F(SharedMutexProcesses, KeyFileRemovedUnderAHolderMeansAnotherMutexForTheNext) {
     User old;
     User fresh;
     const int set = old.Does("create m");
@@ -277,7 +276,7 @@ TEST_F(MutexProcesses, KeyFileRemovedUnderAHolderMeansAnotherMutexForTheNext) {
 
 // --- Who holds ---
 
-TEST_F(MutexProcesses, HolderKeepsOthersOutUntilItUnlocks) {
+TEST_F(SharedMutexProcesses, HolderKeepsOthersOutUntilItUnlocks) {
     User holder;
     User waiter;
     const int set = holder.Does("create m");
@@ -297,7 +296,7 @@ TEST_F(MutexProcesses, HolderKeepsOthersOutUntilItUnlocks) {
     EXPECT_EQ(0, holder.Does("destroy m"));
 }
 
-TEST_F(MutexProcesses, KilledHolderLeavesTheLockFreeAndItsIdsUntilTheNextLock) {
+TEST_F(SharedMutexProcesses, KilledHolderLeavesTheLockFreeAndItsIdsUntilTheNextLock) {
     Own own;
     User holder;
     ASSERT_EQ(own.Set(), holder.Does("create m"));
@@ -313,7 +312,7 @@ TEST_F(MutexProcesses, KilledHolderLeavesTheLockFreeAndItsIdsUntilTheNextLock) {
     EXPECT_EQ((Values{1, 1, 0, 0, 0}), ipc::Values(own.Set()));
 }
 
-TEST_F(MutexProcesses, HolderThatEndsLeavesTheLockFree) {
+TEST_F(SharedMutexProcesses, HolderThatEndsLeavesTheLockFree) {
     Own own;
     User holder;
     ASSERT_EQ(own.Set(), holder.Does("create m"));
@@ -324,7 +323,7 @@ TEST_F(MutexProcesses, HolderThatEndsLeavesTheLockFree) {
     EXPECT_EQ(0, KovaSharedMutexUnlock(own.Handle()));
 }
 
-TEST_F(MutexProcesses, WaiterGetsTheLockWhenTheHolderDies) {
+TEST_F(SharedMutexProcesses, WaiterGetsTheLockWhenTheHolderDies) {
     Own own;
     User holder;
     User waiter;
@@ -340,7 +339,7 @@ TEST_F(MutexProcesses, WaiterGetsTheLockWhenTheHolderDies) {
     EXPECT_EQ(0, waiter.Does("destroy m"));
 }
 
-TEST_F(MutexProcesses, KilledWaiterTakesNothing) {
+TEST_F(SharedMutexProcesses, KilledWaiterTakesNothing) {
     Own own;
     User waiter;
     ASSERT_EQ(own.Set(), waiter.Does("create m"));
@@ -354,7 +353,7 @@ TEST_F(MutexProcesses, KilledWaiterTakesNothing) {
 }
 
 // The undo of the lock must be gone, or the value would grow beyond 1.
-TEST_F(MutexProcesses, HolderThatUnlockedChangesNothingWhenItEnds) {
+TEST_F(SharedMutexProcesses, HolderThatUnlockedChangesNothingWhenItEnds) {
     Own own;
     User before;
     User holder;
@@ -391,7 +390,7 @@ KOVA_PART(two_threads) {
     return 0;
 }
 
-TEST_F(MutexProcesses, SecondThreadOfTheHoldersProcessBlocksUntilTheUnlock) {
+TEST_F(SharedMutexProcesses, SecondThreadOfTheHoldersProcessBlocksUntilTheUnlock) {
     Own own;
     process::Process part("two_threads");
     EXPECT_TRUE(WaitsFor(own.Set()));
@@ -401,7 +400,7 @@ TEST_F(MutexProcesses, SecondThreadOfTheHoldersProcessBlocksUntilTheUnlock) {
     EXPECT_EQ(1, ipc::Value(own.Set(), kLock));
 }
 
-TEST_F(MutexProcesses, SecondLockOfTheHolderAbortsWhileItsOtherThreadBlocks) {
+TEST_F(SharedMutexProcesses, SecondLockOfTheHolderAbortsWhileItsOtherThreadBlocks) {
     Own own;
     process::Process part("two_threads");
     EXPECT_TRUE(WaitsFor(own.Set()));
@@ -410,7 +409,7 @@ TEST_F(MutexProcesses, SecondLockOfTheHolderAbortsWhileItsOtherThreadBlocks) {
     EXPECT_EQ((Values{1, 1, part.Pid(), part.Pid(), 0}), ipc::Values(own.Set()));
 }
 
-TEST_F(MutexProcesses, SecondTrylockOfTheHolderAborts) {
+TEST_F(SharedMutexProcesses, SecondTrylockOfTheHolderAborts) {
     Own own;
     User holder;
     ASSERT_EQ(own.Set(), holder.Does("create m"));
@@ -420,7 +419,7 @@ TEST_F(MutexProcesses, SecondTrylockOfTheHolderAborts) {
     EXPECT_EQ(1, ipc::Value(own.Set(), kLock));
 }
 
-TEST_F(MutexProcesses, UnlockByAnotherProcessAborts) {
+TEST_F(SharedMutexProcesses, UnlockByAnotherProcessAborts) {
     User holder;
     User stranger;
     const int set = holder.Does("create m");
@@ -441,13 +440,13 @@ KOVA_PART(unlock_on_another_thread) {
     return 0;
 }
 
-TEST_F(MutexProcesses, UnlockByAnotherThreadOfTheHoldersProcessAborts) {
+TEST_F(SharedMutexProcesses, UnlockByAnotherThreadOfTheHoldersProcessAborts) {
     Own own;
     EXPECT_EQ(-SIGABRT, process::Process("unlock_on_another_thread").Wait());
     EXPECT_EQ(1, ipc::Value(own.Set(), kLock));
 }
 
-TEST_F(MutexProcesses, UnlockOfAFreeMutexAborts) {
+TEST_F(SharedMutexProcesses, UnlockOfAFreeMutexAborts) {
     Own own;
     User user;
     ASSERT_EQ(own.Set(), user.Does("create m"));
@@ -477,13 +476,13 @@ struct flock Holder(const std::string& path) {
     return lock;
 }
 
-class CreateDestroyLock : public MutexProcesses {
+class SharedMutexCDLock : public SharedMutexProcesses {
   protected:
-    CreateDestroyLock() { std::ofstream("/tmp/file") << "contents"; }
-    ~CreateDestroyLock() override { std::filesystem::remove("/tmp/file"); }
+    SharedMutexCDLock() { std::ofstream("/tmp/file") << "contents"; }
+    ~SharedMutexCDLock() override { std::filesystem::remove("/tmp/file"); }
 };
 
-TEST_F(CreateDestroyLock, CoversTheWholeFileExclusively) {
+TEST_F(SharedMutexCDLock, CoversTheWholeFileExclusively) {
     User user;
     EXPECT_EQ(0, user.Does("cdlock /tmp/file"));
     const struct flock held = Holder("/tmp/file");
@@ -501,7 +500,7 @@ TEST_F(CreateDestroyLock, CoversTheWholeFileExclusively) {
     EXPECT_EQ("contents", contents);
 }
 
-TEST_F(CreateDestroyLock, KeepsOtherProcessesWaiting) {
+TEST_F(SharedMutexCDLock, KeepsOtherProcessesWaiting) {
     User first;
     User second;
     EXPECT_EQ(0, first.Does("cdlock /tmp/file"));
@@ -513,7 +512,7 @@ TEST_F(CreateDestroyLock, KeepsOtherProcessesWaiting) {
     EXPECT_EQ(second.Pid(), Holder("/tmp/file").l_pid);
 }
 
-TEST_F(CreateDestroyLock, IsFreeWhenItsHolderDies) {
+TEST_F(SharedMutexCDLock, IsFreeWhenItsHolderDies) {
     User first;
     User second;
     EXPECT_EQ(0, first.Does("cdlock /tmp/file"));
@@ -525,7 +524,7 @@ TEST_F(CreateDestroyLock, IsFreeWhenItsHolderDies) {
 }
 
 // Record locks belong to the process: closing any descriptor of the file gives up the lock, too.
-TEST_F(CreateDestroyLock, DoesNotKeepThreadsOfOneProcessApart) {
+TEST_F(SharedMutexCDLock, DoesNotKeepThreadsOfOneProcessApart) {
     const Fd first(KovaSharedMutexCDLock("/tmp/file"));
     Fd second;
     DeadlineThread([&] { second = Fd(KovaSharedMutexCDLock("/tmp/file")); }).Join();
@@ -539,7 +538,7 @@ TEST_F(CreateDestroyLock, DoesNotKeepThreadsOfOneProcessApart) {
     EXPECT_EQ(0, other.Hear());
 }
 
-TEST_F(CreateDestroyLock, IsTakenOverAnInterruption) {
+TEST_F(SharedMutexCDLock, IsTakenOverAnInterruption) {
     User holder;
     EXPECT_EQ(0, holder.Does("cdlock /tmp/file"));
     int fd = -1;
@@ -557,7 +556,7 @@ TEST_F(CreateDestroyLock, IsTakenOverAnInterruption) {
     EXPECT_EQ(0, KovaSharedMutexCDUnlock(fd));
 }
 
-TEST_F(CreateDestroyLock, IsWaitedForByCreateAndDestroy) {
+TEST_F(SharedMutexCDLock, IsWaitedForByCreateAndDestroy) {
     User guard;
     User user;
     EXPECT_GE(user.Does("create m"), 0);
@@ -577,7 +576,7 @@ TEST_F(CreateDestroyLock, IsWaitedForByCreateAndDestroy) {
     EXPECT_TRUE(ipc::Sets().empty());
 }
 
-TEST_F(CreateDestroyLock, IsFreeAfterCreateAndDestroy) {
+TEST_F(SharedMutexCDLock, IsFreeAfterCreateAndDestroy) {
     User user;
     EXPECT_GE(user.Does("create m"), 0);
     EXPECT_EQ(F_UNLCK, Holder(kPath).l_type);
@@ -664,7 +663,7 @@ class Gate {
     const int m_Set;
 };
 
-TEST_F(MutexProcesses, ManyThatCreateAndDestroyAtOnceCountEachOther) {
+TEST_F(SharedMutexProcesses, ManyThatCreateAndDestroyAtOnceCountEachOther) {
     const Gate gate;
     SharedPage page(kPage);
     std::vector<std::unique_ptr<process::Process>> racers;
@@ -710,7 +709,7 @@ KOVA_PART(enterer) {
     return 0;
 }
 
-TEST_F(MutexProcesses, OneAtATimeIsInside) {
+TEST_F(SharedMutexProcesses, OneAtATimeIsInside) {
     constexpr int kProcesses = 4;
     constexpr int kTimes = 500;
     SharedPage page(kPage);
@@ -777,9 +776,9 @@ class Reaper {
     std::vector<std::unique_ptr<process::Process>> m_Workers{8};
 };
 
-class MutexUnderFire : public MutexProcesses {
+class SharedMutexUnderFire : public SharedMutexProcesses {
   protected:
-    MutexUnderFire() {
+    SharedMutexUnderFire() {
         m_Page[kEntered] = 0;
         m_Page[kViolations] = 0;
     }
@@ -800,7 +799,7 @@ class MutexUnderFire : public MutexProcesses {
     SharedPage m_Page{kPage};
 };
 
-TEST_F(MutexUnderFire, StaysUsableWhenItsUsersAreKilled) {
+TEST_F(SharedMutexUnderFire, StaysUsableWhenItsUsersAreKilled) {
     Reaper reaper;
     // Whoever destroyed it before being killed is taken off twice, so that the set may be removed under the
     // others, which ends them.
@@ -809,7 +808,7 @@ TEST_F(MutexUnderFire, StaysUsableWhenItsUsersAreKilled) {
     ExpectUsable();
 }
 
-TEST_F(MutexUnderFire, PersistentOneServesTheOthersThroughout) {
+TEST_F(SharedMutexUnderFire, PersistentOneServesTheOthersThroughout) {
     Own own;
     EXPECT_EQ(0, KovaSharedMutexSetPersistent(own.Handle()));
     Reaper reaper;
@@ -859,11 +858,11 @@ int DieBeforeEachCall(const std::function<void()>& check) {
     }
 }
 
-TEST_F(MutexUnderFire, StaysUsableWhereverItsOnlyUserIsKilled) {
+TEST_F(SharedMutexUnderFire, StaysUsableWhereverItsOnlyUserIsKilled) {
     EXPECT_GE(DieBeforeEachCall(ExpectUsable), 30);
 }
 
-TEST_F(MutexUnderFire, StaysUsableWhereverOneOfItsUsersIsKilled) {
+TEST_F(SharedMutexUnderFire, StaysUsableWhereverOneOfItsUsersIsKilled) {
     Own own;
     const int calls = DieBeforeEachCall([&] {
         EXPECT_EQ(own.Set(), ipc::FindSet(kPath));

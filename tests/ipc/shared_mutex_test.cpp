@@ -14,14 +14,17 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -179,7 +182,7 @@ void OnlyCommand(Scope& scope, int command) {
     scope.When([=](int, int wanted, long) { return wanted == command; });
 }
 
-class MutexFunctions : public ipc::Test {
+class SharedMutexFunctions : public ipc::Test {
   protected:
     /// A mutex that is open once. The records of opening it are forgotten.
     int Open(const char* name = kName) {
@@ -228,7 +231,7 @@ class MutexFunctions : public ipc::Test {
     TraceRecorder m_Recorder;
 };
 
-TEST_F(MutexFunctions, AreExportedUnderPlainNames) {
+TEST_F(SharedMutexFunctions, AreExportedUnderPlainNames) {
     for (const char* name :
          {"KovaSharedMutexCreate", "KovaSharedMutexDestroy", "KovaSharedMutexLock", "KovaSharedMutexTrylock",
           "KovaSharedMutexUnlock", "KovaSharedMutexSetPersistent", "KovaSharedMutexGetRefCounter",
@@ -240,7 +243,7 @@ TEST_F(MutexFunctions, AreExportedUnderPlainNames) {
 
 // --- Create ---
 
-TEST_F(MutexFunctions, CreateMakesAFreeMutexThatIsOpenOnce) {
+TEST_F(SharedMutexFunctions, CreateMakesAFreeMutexThatIsOpenOnce) {
     const int fd = NextFd();
     Texts calls;
     int set = -1;
@@ -271,7 +274,7 @@ TEST_F(MutexFunctions, CreateMakesAFreeMutexThatIsOpenOnce) {
     Close();
 }
 
-TEST_F(MutexFunctions, CreateOpensTheMutexThatExists) {
+TEST_F(SharedMutexFunctions, CreateOpensTheMutexThatExists) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     m_Recorder.Clear();
@@ -305,7 +308,7 @@ int LeaveHalfMadeSet() {
     return fake::semget.Real(ipc::KeyOf(kPath), 5, IPC_CREAT | 0666);
 }
 
-TEST_F(MutexFunctions, CreateCompletesASetWhoseMakerWasKilled) {
+TEST_F(SharedMutexFunctions, CreateCompletesASetWhoseMakerWasKilled) {
     const int set = LeaveHalfMadeSet();
     EXPECT_EQ((Values{0, 0, 0, 0, 0}), ipc::Values(set));
     const int fd = NextFd();
@@ -329,7 +332,7 @@ TEST_F(MutexFunctions, CreateCompletesASetWhoseMakerWasKilled) {
     Close();
 }
 
-TEST_F(MutexFunctions, CreateTakesASetForCompleteThatItCannotLookAt) {
+TEST_F(SharedMutexFunctions, CreateTakesASetForCompleteThatItCannotLookAt) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     const key_t key = ipc::KeyOf(kPath);
@@ -347,7 +350,7 @@ TEST_F(MutexFunctions, CreateTakesASetForCompleteThatItCannotLookAt) {
     Close();
 }
 
-TEST_F(MutexFunctions, KeyFileIsMadeForEverybodyAndStaysEmpty) {
+TEST_F(SharedMutexFunctions, KeyFileIsMadeForEverybodyAndStaysEmpty) {
     const mode_t mask = fake::umask.Real(077);
     Open();
     Close();
@@ -361,7 +364,7 @@ TEST_F(MutexFunctions, KeyFileIsMadeForEverybodyAndStaysEmpty) {
     EXPECT_EQ(0777u, directory.st_mode & 07777);
 }
 
-TEST_F(MutexFunctions, ContentsOfTheKeyFileAreLeftAlone) {
+TEST_F(SharedMutexFunctions, ContentsOfTheKeyFileAreLeftAlone) {
     std::filesystem::create_directory(kDirectory);
     std::ofstream(kPath) << "contents";
     Open();
@@ -373,7 +376,7 @@ TEST_F(MutexFunctions, ContentsOfTheKeyFileAreLeftAlone) {
     EXPECT_EQ("contents", contents);
 }
 
-TEST_F(MutexFunctions, EachNameIsAMutexOfItsOwn) {
+TEST_F(SharedMutexFunctions, EachNameIsAMutexOfItsOwn) {
     const int set = Open("a");
     int other = -1;
     EXPECT_GE(KovaSharedMutexCreate(&other, "b"), 0);
@@ -404,7 +407,7 @@ class WorkingDirectory {
     const std::filesystem::path m_Before;
 };
 
-TEST_F(MutexFunctions, NameAndExtensionMakeTheKeyFile) {
+TEST_F(SharedMutexFunctions, NameAndExtensionMakeTheKeyFile) {
     const WorkingDirectory here("/tmp/here");
     ::setenv("VARIABLE", "value", 1);
     ::setenv("DIRECTORY", "/tmp/here", 1);
@@ -445,14 +448,14 @@ TEST_F(MutexFunctions, NameAndExtensionMakeTheKeyFile) {
     ::unsetenv("DIRECTORY");
 }
 
-TEST_F(MutexFunctions, NullNameIsTheEmptyName) {
+TEST_F(SharedMutexFunctions, NullNameIsTheEmptyName) {
     const WorkingDirectory here("/tmp/here");
     const int set = Open(nullptr);
     EXPECT_EQ(set, ipc::FindSet("/tmp/here/.kovamtx"));
     Close(nullptr);
 }
 
-TEST_F(MutexFunctions, NameNeedsNoEndAfter64Characters) {
+TEST_F(SharedMutexFunctions, NameNeedsNoEndAfter64Characters) {
     const std::unique_ptr<char[]> name(new char[64]);
     std::memset(name.get(), 'x', 64);
     Open(name.get());
@@ -460,7 +463,7 @@ TEST_F(MutexFunctions, NameNeedsNoEndAfter64Characters) {
     Close(name.get());
 }
 
-TEST_F(MutexFunctions, InterruptedCreateGoesOn) {
+TEST_F(SharedMutexFunctions, InterruptedCreateGoesOn) {
     fake::Script waits(fake::fcntl, {fake::Fail(EINTR), fake::Fail(EINTR), fake::Real()});
     OnlyCommand(waits, F_SETLKW);
     fake::Script releases(fake::fcntl, {fake::Fail(EINTR), fake::Fail(EINTR), fake::Real()});
@@ -475,7 +478,7 @@ TEST_F(MutexFunctions, InterruptedCreateGoesOn) {
 
 // --- Create that fails ---
 
-using MutexCreation = MutexFunctions;
+using SharedMutexCreation = SharedMutexFunctions;
 
 /// Leaves the process without the rights of root, in a child.
 void BecomeOrdinary() {
@@ -487,7 +490,7 @@ void BecomeOrdinary() {
     EXPECT_EQ(0, ::syscall(SYS_capset, &header, none));
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheDirectoryCannotBeMade) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheDirectoryCannotBeMade) {
     ExpectFatal([](TraceRecorder& recorder) {
         const fake::Script fails(fake::mkdir, {fake::Fail(EROFS)});
         const fake::Journal calls = SetCalls();
@@ -496,14 +499,14 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheDirectoryCannotBeMade) {
     });
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheDirectoryIsAFile) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheDirectoryIsAFile) {
     std::ofstream(kDirectory) << "a file";
     ExpectFatal([](TraceRecorder& recorder) {
         ExpectNotCreated(ENOTDIR, recorder, {{kNoFile, {ENOTDIR}}, {kNoKeyFile, {ENOTDIR}}});
     });
 }
 
-TEST_F(MutexCreation, EndsTheProcessInTheDirectoryOfSomebodyElse) {
+TEST_F(SharedMutexCreation, EndsTheProcessInTheDirectoryOfSomebodyElse) {
     std::filesystem::create_directory(kDirectory);
     ASSERT_EQ(0, ::chmod(kDirectory, 0555));
     ExpectFatal([](TraceRecorder& recorder) {
@@ -513,14 +516,14 @@ TEST_F(MutexCreation, EndsTheProcessInTheDirectoryOfSomebodyElse) {
     EXPECT_TRUE(std::filesystem::is_empty(kDirectory));
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheKeyFileIsADirectory) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheKeyFileIsADirectory) {
     std::filesystem::create_directories(kPath);
     ExpectFatal([](TraceRecorder& recorder) {
         ExpectNotCreated(EISDIR, recorder, {{kNotOpened, {-1, EISDIR}}});
     });
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheKeyFileIsNotForEverybody) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheKeyFileIsNotForEverybody) {
     const int set = Open();
     ASSERT_EQ(0, ::chmod(kPath, 0444));
     ExpectFatal([](TraceRecorder& recorder) {
@@ -531,7 +534,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheKeyFileIsNotForEverybody) {
     Close();
 }
 
-TEST_F(MutexCreation, OpensTheMutexOfAnotherUserWhoseDirectoryIsClosed) {
+TEST_F(SharedMutexCreation, OpensTheMutexOfAnotherUserWhoseDirectoryIsClosed) {
     const int set = Open();
     ASSERT_EQ(0, ::chmod(kDirectory, 0755));
     const ChildResult child = RunInChild([=] {
@@ -548,7 +551,7 @@ TEST_F(MutexCreation, OpensTheMutexOfAnotherUserWhoseDirectoryIsClosed) {
     Close();
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheKeyFileCannotBeClosed) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheKeyFileCannotBeClosed) {
     ExpectFatal([](TraceRecorder& recorder) {
         std::filesystem::remove(kPath);
         const fake::Script fails(fake::fclose, {[](FILE* file) {
@@ -560,7 +563,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheKeyFileCannotBeClosed) {
     });
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheKeyFileVanishes) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheKeyFileVanishes) {
     ExpectFatal([](TraceRecorder& recorder) {
         const fake::Script vanishes(fake::ftok, {[](const char* path, int project) {
                                         EXPECT_EQ(0, ::unlink(path));
@@ -574,7 +577,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheKeyFileVanishes) {
     });
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheKeyFileVanishesAfterTheKeyIsKnown) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheKeyFileVanishesAfterTheKeyIsKnown) {
     ExpectFatal([](TraceRecorder& recorder) {
         const fake::Script vanishes(fake::ftok, {[](const char* path, int project) {
                                         const key_t key = fake::ftok.Real(path, project);
@@ -585,7 +588,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheKeyFileVanishesAfterTheKeyIsKnown) {
     });
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheKeyFileCannotBeLocked) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheKeyFileCannotBeLocked) {
     ExpectFatal([](TraceRecorder& recorder) {
         fake::Script fails(fake::fcntl, {fake::Fail(ENOLCK)});
         OnlyCommand(fails, F_SETLKW);
@@ -604,7 +607,7 @@ Records NoSet(int why_not_new, int why_not_existing) {
             {kReleased, {NextFd()}}};
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenThereIsNoRoomForASet) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenThereIsNoRoomForASet) {
     ExpectFatal([](TraceRecorder& recorder) {
         int set = 4711;
         const fake::Script fails(fake::semget, {fake::Fail(ENOSPC), fake::Fail(ENOENT)});
@@ -627,7 +630,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenThereIsNoRoomForASet) {
     EXPECT_TRUE(ipc::Sets().empty());
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheKernelHasNoSetLeft) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheKernelHasNoSetLeft) {
     std::vector<int> sets;
     for (;;) {
         const int set = fake::semget.Real(IPC_PRIVATE, 1, 0600);
@@ -647,7 +650,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheKernelHasNoSetLeft) {
     EXPECT_GT(sets.size(), 100u);
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheSetIsRemovedBetweenItsTwoLooks) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheSetIsRemovedBetweenItsTwoLooks) {
     ExpectFatal([](TraceRecorder& recorder) {
         const fake::Script fails(fake::semget, {fake::Fail(EEXIST), fake::Real()});
         int set = -1;
@@ -658,7 +661,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheSetIsRemovedBetweenItsTwoLooks) {
     });
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheKeyIsThatOfASmallerSet) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheKeyIsThatOfASmallerSet) {
     std::filesystem::create_directory(kDirectory);
     std::ofstream{kPath};
     const int small = fake::semget.Real(ipc::KeyOf(kPath), 4, IPC_CREAT | 0666);
@@ -667,7 +670,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheKeyIsThatOfASmallerSet) {
     ipc::Remove(small);
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheSetIsNotForEverybody) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheSetIsNotForEverybody) {
     std::filesystem::create_directory(kDirectory);
     ASSERT_EQ(0, ::chmod(kDirectory, 0777));
     std::ofstream{kPath};
@@ -680,7 +683,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheSetIsNotForEverybody) {
     ipc::Remove(closed);
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheInitialValuesCannotBeSet) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheInitialValuesCannotBeSet) {
     for (const bool half_made : {false, true}) {
         for (const int position : {0, 1, 2, 3, 4}) {
             SCOPED_TRACE(position);
@@ -724,7 +727,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheInitialValuesCannotBeSet) {
     }
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenItCannotBeCounted) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenItCannotBeCounted) {
     const int set = Open();
     const key_t key = ipc::KeyOf(kPath);
     ExpectFatal([=](TraceRecorder& recorder) {
@@ -746,7 +749,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenItCannotBeCounted) {
     Close();
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheCounterIsFull) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheCounterIsFull) {
     const int set = Open();
     ipc::SetValue(set, 1, 32767);
     const key_t key = ipc::KeyOf(kPath);
@@ -762,7 +765,7 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheCounterIsFull) {
 }
 
 // Destroying gives nothing back of what the kernel would undo for the process, which ends at 32768.
-TEST_F(MutexCreation, EndsTheProcessThatHasOpenedTheSameSetTooOften) {
+TEST_F(SharedMutexCreation, EndsTheProcessThatHasOpenedTheSameSetTooOften) {
     const int set = Open();
     const auto open_and_close = [=](short times) {
         sembuf opens{1, times, SEM_UNDO};
@@ -787,7 +790,7 @@ TEST_F(MutexCreation, EndsTheProcessThatHasOpenedTheSameSetTooOften) {
     Close();
 }
 
-TEST_F(MutexCreation, ThatIsNotCountedLeavesASetThatTheNextOneFindsFree) {
+TEST_F(SharedMutexCreation, ThatIsNotCountedLeavesASetThatTheNextOneFindsFree) {
     ExpectFatal([](TraceRecorder&) {
         const fake::Script fails(fake::semop, {fake::Fail(ENOSPC)});
         int set = -1;
@@ -799,7 +802,7 @@ TEST_F(MutexCreation, ThatIsNotCountedLeavesASetThatTheNextOneFindsFree) {
     Close();
 }
 
-TEST_F(MutexCreation, EndsTheProcessWhenTheLockOfTheKeyFileCannotBeReleased) {
+TEST_F(SharedMutexCreation, EndsTheProcessWhenTheLockOfTheKeyFileCannotBeReleased) {
     ExpectFatal([](TraceRecorder& recorder) {
         fake::Script fails(fake::fcntl, {fake::Fail(ENOLCK)});
         OnlyCommand(fails, F_SETLK);
@@ -823,15 +826,15 @@ TEST_F(MutexCreation, EndsTheProcessWhenTheLockOfTheKeyFileCannotBeReleased) {
 
 // --- The lock of the key file ---
 
-class KeyFileLock : public MutexFunctions {
+class SharedMutexCDLock : public SharedMutexFunctions {
   protected:
-    KeyFileLock() { std::ofstream{kFile}; }
-    ~KeyFileLock() override { std::filesystem::remove(kFile); }
+    SharedMutexCDLock() { std::ofstream{kFile}; }
+    ~SharedMutexCDLock() override { std::filesystem::remove(kFile); }
 
     static constexpr const char* kFile = "/tmp/file";
 };
 
-TEST_F(KeyFileLock, IsADescriptorThatUnlockingCloses) {
+TEST_F(SharedMutexCDLock, IsADescriptorThatUnlockingCloses) {
     const int wanted = NextFd();
     const fake::Journal calls = SetCalls();
     const int fd = KovaSharedMutexCDLock(kFile);
@@ -844,7 +847,7 @@ TEST_F(KeyFileLock, IsADescriptorThatUnlockingCloses) {
     ExpectRecords(m_Recorder, {{kReleased, {fd}}});
 }
 
-TEST_F(KeyFileLock, GoesOnAfterInterruptions) {
+TEST_F(SharedMutexCDLock, GoesOnAfterInterruptions) {
     const int wanted = NextFd();
     fake::Script calls(fake::fcntl, {fake::Fail(EINTR), fake::Fail(EINTR), fake::Fail(EINTR), fake::Real(),
                                      fake::Fail(EINTR), fake::Fail(EINTR), fake::Real()});
@@ -856,7 +859,7 @@ TEST_F(KeyFileLock, GoesOnAfterInterruptions) {
     ExpectRecords(m_Recorder, {{kReleased, {fd}}});
 }
 
-TEST_F(KeyFileLock, IsNotMadeByLocking) {
+TEST_F(SharedMutexCDLock, MakesNoFile) {
     ExpectFatal([](TraceRecorder& recorder) {
         const char* const path = "/tmp/missing";
         EXPECT_EQ(-1, KovaSharedMutexCDLock(path));
@@ -866,7 +869,7 @@ TEST_F(KeyFileLock, IsNotMadeByLocking) {
     EXPECT_FALSE(std::filesystem::exists("/tmp/missing"));
 }
 
-TEST_F(KeyFileLock, IsRefusedForANullPath) {
+TEST_F(SharedMutexCDLock, IsRefusedForANullPath) {
     ExpectFatal([](TraceRecorder& recorder) {
         errno = kStale;
         EXPECT_EQ(-1, KovaSharedMutexCDLock(nullptr));
@@ -882,7 +885,7 @@ TEST_F(KeyFileLock, IsRefusedForANullPath) {
 }
 
 // Deliberate: a file may well have the descriptor 0, and is refused all the same.
-TEST_F(KeyFileLock, IsRefusedWithTheDescriptorZero) {
+TEST_F(SharedMutexCDLock, IsRefusedWithTheDescriptorZero) {
     const auto body = [] {
         TraceRecorder recorder;
         ::close(STDIN_FILENO);
@@ -900,7 +903,7 @@ TEST_F(KeyFileLock, IsRefusedWithTheDescriptorZero) {
     WhileAborting(body);
 }
 
-TEST_F(KeyFileLock, ThatCannotBeTakenClosesTheFile) {
+TEST_F(SharedMutexCDLock, ThatCannotBeTakenClosesTheFile) {
     ExpectFatal([](TraceRecorder& recorder) {
         const int fd = NextFd();
         fake::Script fails(fake::fcntl, {fake::Fail(EINTR), fake::Fail(EDEADLK)});
@@ -912,7 +915,7 @@ TEST_F(KeyFileLock, ThatCannotBeTakenClosesTheFile) {
     });
 }
 
-TEST_F(KeyFileLock, ThatCannotBeReleasedClosesTheFile) {
+TEST_F(SharedMutexCDLock, ThatCannotBeReleasedClosesTheFile) {
     ExpectFatal([](TraceRecorder& recorder) {
         const int fd = KovaSharedMutexCDLock(kFile);
         fake::Script fails(fake::fcntl, {fake::Fail(EINTR), fake::Fail(ENOLCK)});
@@ -928,7 +931,7 @@ TEST_F(KeyFileLock, ThatCannotBeReleasedClosesTheFile) {
     });
 }
 
-TEST_F(KeyFileLock, OfNoDescriptorCannotBeReleased) {
+TEST_F(SharedMutexCDLock, OfNoDescriptorCannotBeReleased) {
     ExpectFatal([](TraceRecorder& recorder) {
         EXPECT_EQ(-1, KovaSharedMutexCDUnlock(-1));
         EXPECT_EQ(EBADF, errno);
@@ -936,7 +939,7 @@ TEST_F(KeyFileLock, OfNoDescriptorCannotBeReleased) {
     });
 }
 
-TEST_F(KeyFileLock, FailedCloseAfterTheReleaseIsNoFailure) {
+TEST_F(SharedMutexCDLock, FailedCloseAfterTheReleaseIsNoFailure) {
     const int fd = KovaSharedMutexCDLock(kFile);
     {
         const fake::Script closes(fake::close, {[](int descriptor) {
@@ -951,7 +954,7 @@ TEST_F(KeyFileLock, FailedCloseAfterTheReleaseIsNoFailure) {
 
 // --- Destroy ---
 
-TEST_F(MutexFunctions, DestroyByTheLastRemovesTheSet) {
+TEST_F(SharedMutexFunctions, DestroyByTheLastRemovesTheSet) {
     const int set = Open();
     const int fd = NextFd();
     Texts calls;
@@ -971,7 +974,7 @@ TEST_F(MutexFunctions, DestroyByTheLastRemovesTheSet) {
     EXPECT_TRUE(std::filesystem::exists(kPath));
 }
 
-TEST_F(MutexFunctions, DestroyByAnotherLeavesTheSet) {
+TEST_F(SharedMutexFunctions, DestroyByAnotherLeavesTheSet) {
     const int set = Open();
     Open();
     const int fd = NextFd();
@@ -988,7 +991,7 @@ TEST_F(MutexFunctions, DestroyByAnotherLeavesTheSet) {
     Close();
 }
 
-TEST_F(MutexFunctions, DestroyLeavesAPersistentSet) {
+TEST_F(SharedMutexFunctions, DestroyLeavesAPersistentSet) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexSetPersistent(&m_Set));
     const int fd = NextFd();
@@ -1012,14 +1015,14 @@ TEST_F(MutexFunctions, DestroyLeavesAPersistentSet) {
     RemoveSet();
 }
 
-TEST_F(MutexFunctions, DestroyByTheLastRemovesAHeldMutex) {
+TEST_F(SharedMutexFunctions, DestroyByTheLastRemovesAHeldMutex) {
     Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     Close();
     EXPECT_TRUE(ipc::Sets().empty());
 }
 
-TEST_F(MutexFunctions, InterruptedDestroyGoesOn) {
+TEST_F(SharedMutexFunctions, InterruptedDestroyGoesOn) {
     const int set = Open();
     fake::Script waits(fake::fcntl, {fake::Fail(EINTR), fake::Real()});
     OnlyCommand(waits, F_SETLKW);
@@ -1032,7 +1035,7 @@ TEST_F(MutexFunctions, InterruptedDestroyGoesOn) {
                   {{kInterrupted, {set}}, {kInterrupted, {set}}, {kRemoved, {set, 0}}, {kReleased, {fd}}});
 }
 
-TEST_F(MutexFunctions, DestroyMakesAMissingKeyFileAgain) {
+TEST_F(SharedMutexFunctions, DestroyMakesAMissingKeyFileAgain) {
     Open();
     ASSERT_TRUE(std::filesystem::remove(kPath));
     const fake::Journal calls = SetCalls();
@@ -1042,7 +1045,7 @@ TEST_F(MutexFunctions, DestroyMakesAMissingKeyFileAgain) {
     EXPECT_TRUE(ipc::Sets().empty());
 }
 
-TEST_F(MutexFunctions, DestroyOfAnUnusedSetRemovesIt) {
+TEST_F(SharedMutexFunctions, DestroyOfAnUnusedSetRemovesIt) {
     const int set = Open();
     ipc::SetValue(set, 1, 0);
     const int fd = NextFd();
@@ -1051,7 +1054,7 @@ TEST_F(MutexFunctions, DestroyOfAnUnusedSetRemovesIt) {
     EXPECT_TRUE(ipc::Sets().empty());
 }
 
-TEST_F(MutexFunctions, DestroyOfAnUnusedPersistentSetFails) {
+TEST_F(SharedMutexFunctions, DestroyOfAnUnusedPersistentSetFails) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexSetPersistent(&m_Set));
     ipc::SetValue(set, 1, 0);
@@ -1063,7 +1066,7 @@ TEST_F(MutexFunctions, DestroyOfAnUnusedPersistentSetFails) {
     RemoveSet();
 }
 
-TEST_F(MutexFunctions, DestroyOfARemovedSetFails) {
+TEST_F(SharedMutexFunctions, DestroyOfARemovedSetFails) {
     const int set = Open();
     RemoveSet();
     const int fd = NextFd();
@@ -1072,14 +1075,14 @@ TEST_F(MutexFunctions, DestroyOfARemovedSetFails) {
     ExpectRecords(m_Recorder, {{kNotClosed, {set, EINVAL}}, {kStaysOpen, {set, -1}}, {kReleased, {fd}}});
 }
 
-TEST_F(MutexFunctions, DestroyOfNoSetFails) {
+TEST_F(SharedMutexFunctions, DestroyOfNoSetFails) {
     const int fd = NextFd();
     EXPECT_EQ(-1, KovaSharedMutexDestroy(&m_Set, kName));
     EXPECT_EQ(EINVAL, errno);
     ExpectRecords(m_Recorder, {{kNotClosed, {-1, EINVAL}}, {kStaysOpen, {-1, -1}}, {kReleased, {fd}}});
 }
 
-TEST_F(MutexFunctions, DestroyReturnsTheErrnoOfItsDecrement) {
+TEST_F(SharedMutexFunctions, DestroyReturnsTheErrnoOfItsDecrement) {
     const int set = Open();
     const int fd = NextFd();
     {
@@ -1093,7 +1096,7 @@ TEST_F(MutexFunctions, DestroyReturnsTheErrnoOfItsDecrement) {
     Close();
 }
 
-TEST_F(MutexFunctions, DestroyThatCannotReadTheCounterLeavesTheSet) {
+TEST_F(SharedMutexFunctions, DestroyThatCannotReadTheCounterLeavesTheSet) {
     const int set = Open();
     const int fd = NextFd();
     {
@@ -1106,7 +1109,7 @@ TEST_F(MutexFunctions, DestroyThatCannotReadTheCounterLeavesTheSet) {
     RemoveSet();
 }
 
-TEST_F(MutexFunctions, DestroyThatCannotReadThePersistentFlagRemovesTheSet) {
+TEST_F(SharedMutexFunctions, DestroyThatCannotReadThePersistentFlagRemovesTheSet) {
     const int set = Open();
     const int fd = NextFd();
     fake::Script reads(fake::semctl, {fake::Fail(EACCES)});
@@ -1115,7 +1118,7 @@ TEST_F(MutexFunctions, DestroyThatCannotReadThePersistentFlagRemovesTheSet) {
     ExpectRecords(m_Recorder, {{kRemoved, {set, 0}}, {kReleased, {fd}}});
 }
 
-TEST_F(MutexFunctions, DestroyThatCannotRemoveTheSetFails) {
+TEST_F(SharedMutexFunctions, DestroyThatCannotRemoveTheSetFails) {
     const int set = Open();
     const int fd = NextFd();
     {
@@ -1144,7 +1147,7 @@ TEST_F(MutexFunctions, DestroyThatCannotRemoveTheSetFails) {
     RemoveSet();
 }
 
-TEST_F(MutexFunctions, DestroyEndsTheProcessWithoutKeyFile) {
+TEST_F(SharedMutexFunctions, DestroyEndsTheProcessWithoutKeyFile) {
     const int set = Open();
     std::filesystem::remove_all(kDirectory);
     std::ofstream(kDirectory) << "a file";
@@ -1160,7 +1163,7 @@ TEST_F(MutexFunctions, DestroyEndsTheProcessWithoutKeyFile) {
     Close();
 }
 
-TEST_F(MutexFunctions, DestroyEndsTheProcessWhenTheKeyFileCannotBeLocked) {
+TEST_F(SharedMutexFunctions, DestroyEndsTheProcessWhenTheKeyFileCannotBeLocked) {
     const int set = Open();
     ExpectFatal([=, this](TraceRecorder& recorder) {
         const int fd = NextFd();
@@ -1174,7 +1177,7 @@ TEST_F(MutexFunctions, DestroyEndsTheProcessWhenTheKeyFileCannotBeLocked) {
     Close();
 }
 
-TEST_F(MutexFunctions, DestroyEndsTheProcessWhenTheLockOfTheKeyFileCannotBeReleased) {
+TEST_F(SharedMutexFunctions, DestroyEndsTheProcessWhenTheLockOfTheKeyFileCannotBeReleased) {
     const int set = Open();
     Open();
     ExpectFatal([=, this](TraceRecorder& recorder) {
@@ -1231,7 +1234,7 @@ bool OneWaits(int set) {
     return WaitUntil([=] { return ipc::Waiters(set, 0) == 1; });
 }
 
-TEST_F(MutexFunctions, LockTakesAFreeMutexAndNotesItsOwner) {
+TEST_F(SharedMutexFunctions, LockTakesAFreeMutexAndNotesItsOwner) {
     const int set = Open();
     {
         const fake::Journal calls = SetCalls();
@@ -1244,7 +1247,7 @@ TEST_F(MutexFunctions, LockTakesAFreeMutexAndNotesItsOwner) {
     Close();
 }
 
-TEST_F(MutexFunctions, LockWaitsForTheMutexOfAnotherThread) {
+TEST_F(SharedMutexFunctions, LockWaitsForTheMutexOfAnotherThread) {
     const int set = Open();
     Texts calls;
     Holder holder(set);
@@ -1271,7 +1274,7 @@ TEST_F(MutexFunctions, LockWaitsForTheMutexOfAnotherThread) {
     Close();
 }
 
-TEST_F(MutexFunctions, InterruptedLockGoesOn) {
+TEST_F(SharedMutexFunctions, InterruptedLockGoesOn) {
     const int set = Open();
     {
         const fake::Script operations(fake::semop, {fake::Fail(EINTR), fake::Fail(EINTR), fake::Real()});
@@ -1294,7 +1297,7 @@ TEST_F(MutexFunctions, InterruptedLockGoesOn) {
     Close();
 }
 
-TEST_F(MutexFunctions, SignalsDoNotEndTheWaitForALock) {
+TEST_F(SharedMutexFunctions, SignalsDoNotEndTheWaitForALock) {
     const int set = Open();
     Holder holder(set);
     m_Recorder.Clear();
@@ -1315,7 +1318,7 @@ TEST_F(MutexFunctions, SignalsDoNotEndTheWaitForALock) {
     Close();
 }
 
-TEST_F(MutexFunctions, SecondLockByTheHolderEndsTheProcess) {
+TEST_F(SharedMutexFunctions, SecondLockByTheHolderEndsTheProcess) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     // A child made by fork has the ids of its parent.
@@ -1332,7 +1335,7 @@ TEST_F(MutexFunctions, SecondLockByTheHolderEndsTheProcess) {
     Close();
 }
 
-TEST_F(MutexFunctions, LockGoesByBothIdsOfTheOwner) {
+TEST_F(SharedMutexFunctions, LockGoesByBothIdsOfTheOwner) {
     const int set = Open();
     for (const auto& [pid, tid] : {std::pair(KovaGetPid(), 1), std::pair(1, KovaGetTid())}) {
         ipc::SetValue(set, 0, 0);
@@ -1348,7 +1351,7 @@ TEST_F(MutexFunctions, LockGoesByBothIdsOfTheOwner) {
     Close();
 }
 
-TEST_F(MutexFunctions, LockThatFailsAtOnceEndsTheProcess) {
+TEST_F(SharedMutexFunctions, LockThatFailsAtOnceEndsTheProcess) {
     const int set = Open();
     ExpectFatal([=, this](TraceRecorder& recorder) {
         const fake::Script fails(fake::semop, {fake::Fail(ENOSPC)});
@@ -1361,7 +1364,7 @@ TEST_F(MutexFunctions, LockThatFailsAtOnceEndsTheProcess) {
     Close();
 }
 
-TEST_F(MutexFunctions, LockOfARemovedSetEndsTheProcess) {
+TEST_F(SharedMutexFunctions, LockOfARemovedSetEndsTheProcess) {
     const int set = Open();
     RemoveSet();
     ExpectFatal([=, this](TraceRecorder& recorder) {
@@ -1371,7 +1374,7 @@ TEST_F(MutexFunctions, LockOfARemovedSetEndsTheProcess) {
     });
 }
 
-TEST_F(MutexFunctions, SetRemovedUnderAWaiterEndsItsProcess) {
+TEST_F(SharedMutexFunctions, SetRemovedUnderAWaiterEndsItsProcess) {
     // The child keeps the id that is known.
     const int self = KovaGetTid();
     for (const bool survives : {false, true}) {
@@ -1397,7 +1400,7 @@ TEST_F(MutexFunctions, SetRemovedUnderAWaiterEndsItsProcess) {
     }
 }
 
-TEST_F(MutexFunctions, LockEndsTheProcessWhenTheOwnerCannotBeRead) {
+TEST_F(SharedMutexFunctions, LockEndsTheProcessWhenTheOwnerCannotBeRead) {
     const int set = Open();
     ExpectFatal([=, this](TraceRecorder& recorder) {
         const fake::Script operations(fake::semop, {fake::Fail(EAGAIN), fake::Fail(EIDRM)});
@@ -1415,7 +1418,7 @@ TEST_F(MutexFunctions, LockEndsTheProcessWhenTheOwnerCannotBeRead) {
     Close();
 }
 
-TEST_F(MutexFunctions, LockEndsTheProcessWhenAnIdIsAboveTheLargestValue) {
+TEST_F(SharedMutexFunctions, LockEndsTheProcessWhenAnIdIsAboveTheLargestValue) {
     const int set = Open();
     for (const int position : {2, 3}) {
         ExpectFatal([=, this](TraceRecorder& recorder) {
@@ -1429,7 +1432,7 @@ TEST_F(MutexFunctions, LockEndsTheProcessWhenAnIdIsAboveTheLargestValue) {
     Close();
 }
 
-TEST_F(MutexFunctions, ThreadIdAbove32767EndsTheProcess) {
+TEST_F(SharedMutexFunctions, ThreadIdAbove32767EndsTheProcess) {
     const int set = Open();
     const auto lock_with = [&](int tid, const std::function<void()>& check) {
         return RunInChild([&] {
@@ -1450,7 +1453,7 @@ TEST_F(MutexFunctions, ThreadIdAbove32767EndsTheProcess) {
     Close();
 }
 
-TEST_F(MutexFunctions, KeepThreadsOutOfEachOthersWay) {
+TEST_F(SharedMutexFunctions, KeepThreadsOutOfEachOthersWay) {
     constexpr int kThreads = 4;
     constexpr int kTimes = 300;
     const int set = Open();
@@ -1476,7 +1479,7 @@ TEST_F(MutexFunctions, KeepThreadsOutOfEachOthersWay) {
 
 // --- Trylock ---
 
-TEST_F(MutexFunctions, TrylockTakesAFreeMutexAndNotesItsOwner) {
+TEST_F(SharedMutexFunctions, TrylockTakesAFreeMutexAndNotesItsOwner) {
     const int set = Open();
     {
         const fake::Journal calls = SetCalls();
@@ -1489,7 +1492,7 @@ TEST_F(MutexFunctions, TrylockTakesAFreeMutexAndNotesItsOwner) {
     Close();
 }
 
-TEST_F(MutexFunctions, TrylockFindsTheMutexOfAnotherThreadBusy) {
+TEST_F(SharedMutexFunctions, TrylockFindsTheMutexOfAnotherThreadBusy) {
     const int set = Open();
     Holder holder(set);
     m_Recorder.Clear();
@@ -1510,7 +1513,7 @@ TEST_F(MutexFunctions, TrylockFindsTheMutexOfAnotherThreadBusy) {
     Close();
 }
 
-TEST_F(MutexFunctions, TrylockGoesByBothIdsOfTheOwner) {
+TEST_F(SharedMutexFunctions, TrylockGoesByBothIdsOfTheOwner) {
     const int set = Open();
     ipc::SetValue(set, 0, 0);
     for (const auto& [pid, tid] : {std::pair(KovaGetPid(), 1), std::pair(1, KovaGetTid()), std::pair(0, 0)}) {
@@ -1523,7 +1526,7 @@ TEST_F(MutexFunctions, TrylockGoesByBothIdsOfTheOwner) {
     Close();
 }
 
-TEST_F(MutexFunctions, InterruptedTrylockGoesOn) {
+TEST_F(SharedMutexFunctions, InterruptedTrylockGoesOn) {
     const int set = Open();
     const fake::Script operations(fake::semop, {fake::Fail(EINTR), fake::Fail(EINTR), fake::Real()});
     EXPECT_EQ(0, KovaSharedMutexTrylock(&m_Set));
@@ -1532,7 +1535,7 @@ TEST_F(MutexFunctions, InterruptedTrylockGoesOn) {
     Close();
 }
 
-TEST_F(MutexFunctions, TrylockByTheHolderEndsTheProcess) {
+TEST_F(SharedMutexFunctions, TrylockByTheHolderEndsTheProcess) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     ExpectFatal([=, this](TraceRecorder& recorder) {
@@ -1545,7 +1548,7 @@ TEST_F(MutexFunctions, TrylockByTheHolderEndsTheProcess) {
     Close();
 }
 
-TEST_F(MutexFunctions, TrylockThatFailsOtherwiseIsNotBusy) {
+TEST_F(SharedMutexFunctions, TrylockThatFailsOtherwiseIsNotBusy) {
     const int set = Open();
     for (const int error : {ENOSPC, ENOMEM, ERANGE}) {
         m_Recorder.Clear();
@@ -1557,7 +1560,7 @@ TEST_F(MutexFunctions, TrylockThatFailsOtherwiseIsNotBusy) {
     Close();
 }
 
-TEST_F(MutexFunctions, TrylockByTheHolderThatFailsOtherwiseEndsTheProcess) {
+TEST_F(SharedMutexFunctions, TrylockByTheHolderThatFailsOtherwiseEndsTheProcess) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     ExpectFatal([=, this](TraceRecorder& recorder) {
@@ -1570,7 +1573,7 @@ TEST_F(MutexFunctions, TrylockByTheHolderThatFailsOtherwiseEndsTheProcess) {
     Close();
 }
 
-TEST_F(MutexFunctions, TrylockOfARemovedSetEndsTheProcess) {
+TEST_F(SharedMutexFunctions, TrylockOfARemovedSetEndsTheProcess) {
     const int set = Open();
     RemoveSet();
     ExpectFatal([=, this](TraceRecorder& recorder) {
@@ -1584,7 +1587,7 @@ TEST_F(MutexFunctions, TrylockOfARemovedSetEndsTheProcess) {
     });
 }
 
-TEST_F(MutexFunctions, TrylockKeepsItsErrnoWhileItReadsTheOwner) {
+TEST_F(SharedMutexFunctions, TrylockKeepsItsErrnoWhileItReadsTheOwner) {
     const int set = Open();
     ipc::SetValue(set, 0, 0);
     ExpectFatal([=, this](TraceRecorder& recorder) {
@@ -1600,7 +1603,7 @@ TEST_F(MutexFunctions, TrylockKeepsItsErrnoWhileItReadsTheOwner) {
     Close();
 }
 
-TEST_F(MutexFunctions, TrylockEndsTheProcessWhenAnIdIsAboveTheLargestValue) {
+TEST_F(SharedMutexFunctions, TrylockEndsTheProcessWhenAnIdIsAboveTheLargestValue) {
     const int set = Open();
     ExpectFatal([=, this](TraceRecorder& recorder) {
         fake::Script writes(fake::semctl, {fake::Fail(ERANGE), fake::Fail(ERANGE)});
@@ -1614,7 +1617,7 @@ TEST_F(MutexFunctions, TrylockEndsTheProcessWhenAnIdIsAboveTheLargestValue) {
 
 // --- Unlock ---
 
-TEST_F(MutexFunctions, UnlockClearsTheOwnerAndThenSetsTheLockFree) {
+TEST_F(SharedMutexFunctions, UnlockClearsTheOwnerAndThenSetsTheLockFree) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     m_Recorder.Clear();
@@ -1630,7 +1633,7 @@ TEST_F(MutexFunctions, UnlockClearsTheOwnerAndThenSetsTheLockFree) {
     Close();
 }
 
-TEST_F(MutexFunctions, UnlockByAnyoneButTheOwnerEndsTheProcess) {
+TEST_F(SharedMutexFunctions, UnlockByAnyoneButTheOwnerEndsTheProcess) {
     const int set = Open();
     const int pid = KovaGetPid();
     const int tid = KovaGetTid();
@@ -1653,7 +1656,7 @@ TEST_F(MutexFunctions, UnlockByAnyoneButTheOwnerEndsTheProcess) {
     Close();
 }
 
-TEST_F(MutexFunctions, UnlockThatCannotFreeTheLockFails) {
+TEST_F(SharedMutexFunctions, UnlockThatCannotFreeTheLockFails) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     m_Recorder.Clear();
@@ -1668,7 +1671,7 @@ TEST_F(MutexFunctions, UnlockThatCannotFreeTheLockFails) {
     Close();
 }
 
-TEST_F(MutexFunctions, UnlockThatCannotClearTheOwnerEndsTheProcess) {
+TEST_F(SharedMutexFunctions, UnlockThatCannotClearTheOwnerEndsTheProcess) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     ExpectFatal([=, this](TraceRecorder& recorder) {
@@ -1685,7 +1688,7 @@ TEST_F(MutexFunctions, UnlockThatCannotClearTheOwnerEndsTheProcess) {
     Close();
 }
 
-TEST_F(MutexFunctions, UnlockOfARemovedSetEndsTheProcess) {
+TEST_F(SharedMutexFunctions, UnlockOfARemovedSetEndsTheProcess) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     RemoveSet();
@@ -1703,7 +1706,7 @@ TEST_F(MutexFunctions, UnlockOfARemovedSetEndsTheProcess) {
 }
 
 // A child made by fork has the ids of the process that made it.
-TEST_F(MutexFunctions, ForkedChildCountsAsItsParent) {
+TEST_F(SharedMutexFunctions, ForkedChildCountsAsItsParent) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
     EXPECT_EQ(0, RunInChild([this] { EXPECT_EQ(0, KovaSharedMutexUnlock(&m_Set)); }).exit_code);
@@ -1713,7 +1716,7 @@ TEST_F(MutexFunctions, ForkedChildCountsAsItsParent) {
 
 // --- Owner, persistence, counter ---
 
-TEST_F(MutexFunctions, SetOwnerNotesTheCallingThread) {
+TEST_F(SharedMutexFunctions, SetOwnerNotesTheCallingThread) {
     const int set = Open();
     DeadlineThread([&] {
         const fake::Journal calls = SetCalls();
@@ -1727,7 +1730,7 @@ TEST_F(MutexFunctions, SetOwnerNotesTheCallingThread) {
     Close();
 }
 
-TEST_F(MutexFunctions, ClearOwnerNotesNobody) {
+TEST_F(SharedMutexFunctions, ClearOwnerNotesNobody) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexSetOwner(&m_Set));
     const fake::Journal calls = SetCalls();
@@ -1738,7 +1741,7 @@ TEST_F(MutexFunctions, ClearOwnerNotesNobody) {
     Close();
 }
 
-TEST_F(MutexFunctions, GetOwnerFillsTheCallersRecord) {
+TEST_F(SharedMutexFunctions, GetOwnerFillsTheCallersRecord) {
     const int set = Open();
     ipc::SetValue(set, 2, 4711);
     ipc::SetValue(set, 3, 4712);
@@ -1752,7 +1755,7 @@ TEST_F(MutexFunctions, GetOwnerFillsTheCallersRecord) {
     Close();
 }
 
-TEST_F(MutexFunctions, OwnerThatCannotBeSetEndsTheProcess) {
+TEST_F(SharedMutexFunctions, OwnerThatCannotBeSetEndsTheProcess) {
     const int set = Open();
     for (int (*const change)(int*) : {KovaSharedMutexSetOwner, KovaSharedMutexClearOwner}) {
         ExpectFatal([=, this](TraceRecorder& recorder) {
@@ -1773,7 +1776,7 @@ TEST_F(MutexFunctions, OwnerThatCannotBeSetEndsTheProcess) {
     Close();
 }
 
-TEST_F(MutexFunctions, OwnerThatCannotBeReadEndsTheProcess) {
+TEST_F(SharedMutexFunctions, OwnerThatCannotBeReadEndsTheProcess) {
     const int set = Open();
     EXPECT_EQ(0, KovaSharedMutexSetOwner(&m_Set));
     for (const int failing : {2, 3}) {
@@ -1790,7 +1793,7 @@ TEST_F(MutexFunctions, OwnerThatCannotBeReadEndsTheProcess) {
     Close();
 }
 
-TEST_F(MutexFunctions, SetPersistentSetsTheFlagForGood) {
+TEST_F(SharedMutexFunctions, SetPersistentSetsTheFlagForGood) {
     const int set = Open();
     {
         const fake::Journal calls = SetCalls();
@@ -1806,7 +1809,7 @@ TEST_F(MutexFunctions, SetPersistentSetsTheFlagForGood) {
     RemoveSet();
 }
 
-TEST_F(MutexFunctions, SetPersistentThatFailsEndsTheProcess) {
+TEST_F(SharedMutexFunctions, SetPersistentThatFailsEndsTheProcess) {
     const int set = Open();
     RemoveSet();
     ExpectFatal([=, this](TraceRecorder& recorder) {
@@ -1815,7 +1818,7 @@ TEST_F(MutexFunctions, SetPersistentThatFailsEndsTheProcess) {
     });
 }
 
-TEST_F(MutexFunctions, RefCounterIsTheNumberOfOpens) {
+TEST_F(SharedMutexFunctions, RefCounterIsTheNumberOfOpens) {
     const int set = Open();
     const fake::Journal calls = SetCalls();
     EXPECT_EQ(1, KovaSharedMutexGetRefCounter(&m_Set));
@@ -1840,7 +1843,7 @@ class DyingMutex : private ErrorWitness, public KovaSharedMutex {
     void Fail(int code) { _SetError_("", 1, code); }
 };
 
-class Mutex : public MutexFunctions {
+class SharedMutex : public SharedMutexFunctions {
   protected:
     static void ExpectError(const KovaSharedMutex& mutex, int code, const char* function) {
         EXPECT_EQ(code, mutex.GetError());
@@ -1849,7 +1852,7 @@ class Mutex : public MutexFunctions {
     }
 };
 
-TEST_F(Mutex, OpensAndClosesTheSharedOne) {
+TEST_F(SharedMutex, OpensAndClosesTheSharedOne) {
     KeptError kept;
     {
         const fake::Journal calls = SetCalls();
@@ -1871,7 +1874,7 @@ TEST_F(Mutex, OpensAndClosesTheSharedOne) {
 }
 
 // The first set of a kernel has the id 0.
-TEST_F(Mutex, OfTheSetZeroIsOpen) {
+TEST_F(SharedMutex, OfTheSetZeroIsOpen) {
     const fake::Always gets(fake::semget, fake::Return(0));
     const fake::Always controls(fake::semctl, fake::Return(0));
     const fake::Always operations(fake::semop, fake::Return(0));
@@ -1884,7 +1887,7 @@ TEST_F(Mutex, OfTheSetZeroIsOpen) {
     EXPECT_EQ(nullptr, mutex.GetErrorFunction());
 }
 
-TEST_F(Mutex, LocksAndUnlocks) {
+TEST_F(SharedMutex, LocksAndUnlocks) {
     KovaSharedMutex mutex(kName);
     const int set = mutex.GetHandle();
     m_Recorder.Clear();
@@ -1898,7 +1901,7 @@ TEST_F(Mutex, LocksAndUnlocks) {
     ExpectRecords(m_Recorder, {{kLock, {set}}, {kUnlock, {set}}, {kUnlock, {set}}});
 }
 
-TEST_F(Mutex, TraceFlagSwitchesNothing) {
+TEST_F(SharedMutex, TraceFlagSwitchesNothing) {
     KovaSharedMutex mutex(kName);
     const int set = mutex.GetHandle();
     for (const bool on : {false, true}) {
@@ -1910,7 +1913,7 @@ TEST_F(Mutex, TraceFlagSwitchesNothing) {
     }
 }
 
-TEST_F(Mutex, TrylockOfABusyMutexIsRecorded) {
+TEST_F(SharedMutex, TrylockOfABusyMutexIsRecorded) {
     KovaSharedMutex mutex(kName);
     Holder holder(mutex.GetHandle());
     EXPECT_FALSE(mutex.Trylock());
@@ -1923,7 +1926,7 @@ TEST_F(Mutex, TrylockOfABusyMutexIsRecorded) {
     EXPECT_TRUE(mutex.Unlock());
 }
 
-TEST_F(Mutex, SuccessClearsTheRecord) {
+TEST_F(SharedMutex, SuccessClearsTheRecord) {
     KeptError kept;
     DyingMutex mutex(kept, kName);
     for (bool (KovaSharedMutex::*const operation)() :
@@ -1936,7 +1939,7 @@ TEST_F(Mutex, SuccessClearsTheRecord) {
     ipc::SetValue(mutex.GetHandle(), 4, 0);
 }
 
-TEST_F(Mutex, FailuresAreRecorded) {
+TEST_F(SharedMutex, FailuresAreRecorded) {
     ExpectFatal([](TraceRecorder& recorder) {
         KeptError kept;
         {
@@ -1962,7 +1965,7 @@ TEST_F(Mutex, FailuresAreRecorded) {
     });
 }
 
-TEST_F(Mutex, FailedUnlockIsRecorded) {
+TEST_F(SharedMutex, FailedUnlockIsRecorded) {
     KovaSharedMutex mutex(kName);
     EXPECT_TRUE(mutex.Lock());
     fake::Script fails(fake::semctl, {fake::Fail(EACCES)});
@@ -1971,7 +1974,7 @@ TEST_F(Mutex, FailedUnlockIsRecorded) {
     ExpectError(mutex, EACCES, "bool KovaSharedMutex::Unlock()");
 }
 
-TEST_F(Mutex, FailedCreationIsRecorded) {
+TEST_F(SharedMutex, FailedCreationIsRecorded) {
     ExpectFatal([](TraceRecorder&) {
         KeptError kept;
         {
@@ -1987,7 +1990,7 @@ TEST_F(Mutex, FailedCreationIsRecorded) {
     });
 }
 
-TEST_F(Mutex, NameIsCutTo64Characters) {
+TEST_F(SharedMutex, NameIsCutTo64Characters) {
     for (const size_t length : {size_t{0}, size_t{1}, size_t{63}, size_t{64}, size_t{65}, size_t{300}}) {
         SCOPED_TRACE(length);
         const WorkingDirectory here("/tmp/here");
@@ -2000,7 +2003,7 @@ TEST_F(Mutex, NameIsCutTo64Characters) {
     }
 }
 
-TEST_F(Mutex, NullNameIsTheEmptyName) {
+TEST_F(SharedMutex, NullNameIsTheEmptyName) {
     const WorkingDirectory here("/tmp/here");
     const KovaSharedMutex mutex(nullptr);
     EXPECT_STREQ("", mutex.GetName());

@@ -1647,12 +1647,13 @@ TEST_F(UdpSocket, TwoThreadsThatCloseItCloseItOnce) {
 
 TEST_F(UdpSocket, SignalStormLosesNothing) {
     constexpr int kSignals = 100;
+    constexpr int kLast = -1;
     const auto here = Bound();
     const auto there = Bound();
-    std::atomic<bool> last = false;
+    here->SetTimeout(kLongTimeout);
+    there->SetTimeout(kLongTimeout);
     DeadlineThread echo([&] {
-        while (!last) {
-            int number = 0;
+        for (int number = 0; number != kLast;) {
             ASSERT_TRUE(there->RecvFrom(&number, sizeof number));
             ASSERT_TRUE(there->SendTo(&number, sizeof number, 0, 0));
         }
@@ -1660,15 +1661,16 @@ TEST_F(UdpSocket, SignalStormLosesNothing) {
     KovaInetAddr to(Ip4("127.0.0.1"), htons(BoundPort(*there)));
     std::unique_ptr<SignalStorm> storm =
         std::make_unique<SignalStorm>(std::vector<pthread_t>{::pthread_self(), echo.Handle()});
-    for (int number = 0; !last; ++number) {
+    for (int number = 0;; ++number) {
         if (SignalStorm::Caught() >= kSignals) {
             storm.reset();
-            last = true;
+            number = kLast;
         }
-        int answer = -1;
+        int answer = 0;
         ASSERT_TRUE(here->SendTo(&number, sizeof number, to));
         ASSERT_TRUE(here->RecvFrom(&answer, sizeof answer));
         ASSERT_EQ(number, answer);
+        if (number == kLast) break;
     }
     echo.Join();
 }

@@ -26,6 +26,8 @@ class SignalStorm {
     ~SignalStorm() {
         m_End = true;
         m_Thread->Join();
+        // Drops what was sent to a thread that has not run since.
+        ::signal(SIGUSR1, SIG_IGN);
         ::sigaction(SIGUSR1, &m_Before, nullptr);
     }
 

@@ -447,8 +447,8 @@ bool ForbidSystemCalls() {
 
 constexpr int kNoFilter = 77;
 
-/// Writes until records lie in `count` epochs behind the present one, however long the process is kept waiting
-/// between two of them.
+/// Writes until records lie in `count` epochs behind the present one, however long the process is kept
+/// waiting between two of them.
 void WriteInNewEpochs(uint32_t handle, int count) {
     uint32_t latest = EpochOf(Ticks());
     while (count > 0) {
@@ -499,8 +499,14 @@ TEST_F(TraceOvra, FilterOfTheSystemCallTestEndsTheProcess) {
 // --- Concurrency ---
 
 constexpr uint32_t kThreads = 8;
+// The address sanitizer makes the emulated board too slow for more.
+#if defined(__SANITIZE_ADDRESS__) && defined(__powerpc__)
+constexpr uint32_t kRecords = 10'000;
+constexpr uint32_t kReadings = 5;
+#else
 constexpr uint32_t kRecords = 100'000;
 constexpr uint32_t kReadings = 200;
+#endif
 
 uint32_t Mixed(uint32_t thread, uint32_t number, uint32_t salt) {
     return (number * 2654435761u + thread * 40503u) ^ salt * 0x01010101u;
