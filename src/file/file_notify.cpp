@@ -61,8 +61,9 @@ void IgnoreSignal(int) {}
 /// The kernel falls back on SIGIO when no more signals can be queued, and that would end the process. A
 /// handler, unlike an ignored signal, is not handed on to programs that the process starts.
 void SurviveFullQueue() {
+    struct sigaction present {};
+    if (::sigaction(SIGIO, nullptr, &present) != 0 || present.sa_handler != SIG_DFL) return;
     struct sigaction action {};
-    if (::sigaction(SIGIO, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) return;
     action.sa_handler = IgnoreSignal;
     action.sa_flags = SA_RESTART;
     ::sigaction(SIGIO, &action, nullptr);

@@ -33,6 +33,9 @@ constexpr unsigned kLargestPosition = std::numeric_limits<unsigned short>::max()
 using Units = std::numeric_limits<short>;
 constexpr int32_t kPollMs = 2;
 
+/// Whether a set can have that many positions of the caller.
+bool IsPossible(int count) { return count >= 0 && static_cast<unsigned>(count) <= kLargestPosition + 1; }
+
 /// Gives a set its values, which nobody has open; a set that cannot be given them is removed.
 bool SetInitialValues(int set, const int* inits, int count) {
     bool is_set = kova::SetValue(set, kReferences, 0) >= 0 && kova::SetValue(set, kPersistent, 0) >= 0;
@@ -45,8 +48,7 @@ bool SetInitialValues(int set, const int* inits, int count) {
 
 /// Makes the set with its initial values, or finds the one that exists, whose values stay; -1 with errno.
 int OpenSet(key_t key, const int* inits, int count) {
-    const bool is_possible = count >= 0 && static_cast<unsigned>(count) <= kLargestPosition + 1;
-    if (!is_possible || (count > 0 && inits == nullptr)) {
+    if (!IsPossible(count) || (count > 0 && inits == nullptr)) {
         errno = EINVAL;
         return -1;
     }
@@ -235,7 +237,7 @@ int KovaSemTimedOp(int set, struct sembuf* operations, unsigned int count, const
 
 KovaSharedSemaphore::KovaSharedSemaphore(const char* name, int init, int count) : m_Trace(true) {
     kova::StoreObjectName(name, m_Name);
-    const size_t size = static_cast<size_t>(std::max(count, 0));
+    const size_t size = IsPossible(count) ? static_cast<size_t>(count) : 0;
     const std::unique_ptr<int[]> inits(new (std::nothrow) int[size]);
     if (inits) std::fill_n(inits.get(), size, init);
     KOVA_RESULT(KovaSharedSemaphoreNCreate(&m_Handle, m_Name, inits.get(), count) >= 0);

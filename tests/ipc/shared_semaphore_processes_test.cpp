@@ -578,7 +578,7 @@ TEST_F(SemaphoreReferences, CanBeCountedAgainWhereverTheOnlyUserIsKilled) {
         User next;
         const std::string id = next.Does("create s 3");
         EXPECT_EQ(std::to_string(ipc::FindSet(kPath)), id);
-        EXPECT_EQ(1, ipc::Value(ipc::FindSet(kPath), 0));
+        EXPECT_EQ((Values{1, 0, 3}), ipc::Values(ipc::FindSet(kPath)));
         EXPECT_EQ("0", next.Does("destroy s"));
         EXPECT_TRUE(ipc::Sets().empty());
     }

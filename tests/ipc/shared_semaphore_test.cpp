@@ -51,6 +51,7 @@ constexpr const char* kUnlockFailed = "unlock of key file fd=%d errno=%d";
 constexpr const char* kUnlocked = "unlocked key file fd=%d";
 constexpr const char* kNewSet = "new set=%d count=%d";
 constexpr const char* kExistingSet = "existing set=%d count=%d";
+constexpr const char* kHalfMade = "set=%d was left half made";
 constexpr const char* kInitialValues = "initial values of set=%d";
 constexpr const char* kNoSet = "no set key=%x count=%d errno=%d";
 constexpr const char* kInterrupted = "semop set=%d interrupted";
@@ -280,18 +281,53 @@ TEST_F(SharedSemaphoreCreation, MakesAKeyFileAndASetOfTwoMorePositions) {
 }
 
 TEST_F(SharedSemaphoreCreation, CompletesASetThatItsMakerLeftHalfMade) {
-    int handle = -1;
-    const int inits[] = {3, 9};
-    ASSERT_GE(KovaSharedSemaphoreNCreate(&handle, kName, inits, 2), 0);
-    Destroy(handle);
-    // Killed behind semget: no value is set, and nobody has operated on it.
-    const int half_made = ::semget(ipc::KeyOf(kPath), 4, IPC_CREAT | IPC_EXCL | 0666);
-    ASSERT_GE(half_made, 0);
+    Destroy(Create());
+    // Killed behind some of the calls: nobody has operated on it. It has one position more.
+    const int left = fake::semget.Real(ipc::KeyOf(kPath), 5, IPC_CREAT | 0666);
+    ipc::SetValue(left, 1, 1);
+    ipc::SetValue(left, 3, 9);
+    ipc::SetValue(left, 4, 7);
     m_Recorder.Clear();
-    EXPECT_EQ(half_made, KovaSharedSemaphoreNCreate(&handle, kName, inits, 2));
-    EXPECT_TRUE(m_Recorder.Has("set=%d was left half made", {half_made}));
-    EXPECT_EQ((Values{1, 0, 3, 9}), ipc::Values(handle));
-    Destroy(handle);
+    const int fd = NextFd();
+    int handle = -1;
+    const int inits[] = {3, 5};
+    Texts calls;
+    {
+        const SetJournal journal;
+        EXPECT_EQ(left, KovaSharedSemaphoreNCreate(&handle, kName, inits, 2));
+        calls = journal.Texts();
+    }
+    EXPECT_EQ(left, handle);
+    EXPECT_EQ(
+        UnderTheLock(kPath, true,
+                     {"semget " + KeyText(kPath) + " 4 IPC_CREAT|IPC_EXCL|0666",
+                      "semget " + KeyText(kPath) + " 4 IPC_EXCL|0666", Semctl(left, "0 IPC_STAT"),
+                      Semctl(left, "0 SETVAL 0"), Semctl(left, "1 SETVAL 0"), Semctl(left, "2 SETVAL 3"),
+                      Semctl(left, "3 SETVAL 5"), Semop(left, "[0 +1 IPC_NOWAIT|SEM_UNDO]")}),
+        calls);
+    ExpectRecords(m_Recorder, {{kExistingSet, {left, 2}},
+                               {kHalfMade, {left}},
+                               {kNewSet, {left, 2}},
+                               {kInitialValues, {left}},
+                               {kUnlocked, {fd}}});
+    EXPECT_EQ((Values{1, 0, 3, 5, 7}), ipc::Values(left));
+    Destroy(left);
+}
+
+TEST_F(SharedSemaphoreCreation, DoesNotCompleteASetThatWasUsedOrTellsNothing) {
+    Destroy(Create());
+    const int set = fake::semget.Real(ipc::KeyOf(kPath), 4, IPC_CREAT | 0666);
+    {
+        const FailingControl states(IPC_STAT, EACCES);
+        EXPECT_EQ(set, Create({3, 5}));
+        EXPECT_EQ(1u, states.Calls());
+    }
+    EXPECT_EQ((Values{1, 0, 0, 0}), ipc::Values(set));
+    EXPECT_EQ(set, Create({3, 5})) << "counted, and so used";
+    EXPECT_EQ((Values{2, 0, 0, 0}), ipc::Values(set));
+    EXPECT_EQ(0u, m_Recorder.Count(kHalfMade));
+    Destroy(set);
+    Destroy(set);
 }
 
 TEST_F(SharedSemaphoreCreation, OpensTheSetThatExistsAndLeavesItsValues) {
