@@ -7,9 +7,9 @@
 ///
 /// Creating, destroying and making persistent end the process (`pabend`) after one trace record when a system
 /// call fails; results below are those where the abnormal end returns. Everything else tells its failure as
-/// -1 with errno: EAGAIN (try), ETIMEDOUT, EINVAL (no such position), EIDRM (removed meanwhile), ERANGE (more
-/// than 32767). `op` is how many units to take if negative, to give if positive; 0 waits until there are
-/// none.
+/// -1 with errno: EAGAIN (try), ETIMEDOUT, EFBIG or EINVAL (no such position), EIDRM (removed meanwhile),
+/// ERANGE (more than 32767). `op` is how many units to take if negative, to give if positive; 0 waits until
+/// there are none.
 ///
 /// Threads: everything may be called from any thread, but the record of an object tells of its last call
 /// only.
