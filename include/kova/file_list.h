@@ -2,7 +2,8 @@
 ///
 /// A result is written into `result`, at most `size` bytes with its terminating zero, and returned; size 0
 /// writes nothing. A null `result` selects a static buffer of 4096 bytes, one for each function, which the
-/// next call overwrites and which threads share. Null texts are empty texts. Failures show as empty results.
+/// next call overwrites and which threads share. A null name or pattern gives the empty result; null parts
+/// are left out. Failures show as empty results.
 ///
 /// `$NAME` stands for an environment variable; the shortest name that is set counts, whatever characters it
 /// is made of: with `HOME` set, `$HOMEDIR` is the value of `HOME` followed by "DIR". `KovaFilename` differs.
@@ -22,8 +23,8 @@ KOVA_API char* KovaNextFileInList(char* entry);
 /// Expands `text` in place as far as it stays below `size` characters; returns `text`.
 KOVA_API char* KovaReplaceEnvInSting(char* text, unsigned int size);
 
-/// `dir`, a "/" where it has none at its end, `name`, `name2`, and always a "." before `ext`; null parts are
-/// left out. Expanded.
+/// `dir`, a "/" where it has none at its end unless it is empty, `name`, `name2`, and always a "." before
+/// `ext`; null parts are left out. Expanded.
 KOVA_API char* KovaFileName(const char* dir, const char* name, const char* name2, const char* ext,
                             char* result, unsigned int size);
 
@@ -31,7 +32,7 @@ KOVA_API char* KovaFileName(const char* dir, const char* name, const char* name2
 /// else what stands before the last "/", unless that is the first character.
 KOVA_API char* KovaFilePath(const char* name, char* result, unsigned int size);
 
-/// The full path of `name`, expanded.
+/// The full path of `name`, expanded; empty where its directory cannot be looked up.
 KOVA_API char* KovaFullFilePath(const char* name, char* result, unsigned int size);
 
 /// The calling thread's listing directory, 4096 bytes that live as long as the thread: the working directory
@@ -54,13 +55,15 @@ KOVA_API int KovaListFile(const char* dir, const char* pattern, char* list, unsi
 KOVA_API int KovaListFileByDateTime(const char* dir, const char* pattern, char* list, unsigned int size);
 
 /// Comparison for `scandir`: negative, 0 or positive as the file `a` of the thread's listing directory was
-/// modified before, together with or after `b`. 0 and a line on standard error when one cannot be read.
+/// modified before, together with or after `b`. 0 and a line on standard error when one cannot be read. The
+/// entries are of the plain `struct dirent`: a 32-bit service that is built with `_FILE_OFFSET_BITS=64` has
+/// another one and must not use this; the listing functions serve it as well.
 KOVA_API int DateTimeSort(const struct dirent** a, const struct dirent** b);
 
 /// The next file of a numbered set: the first number below `max_files` whose file does not exist, or the file
 /// that was modified longest ago if all do; empty for none. The number stands, zero-filled to as many digits
 /// as there are "?", for the first "?" or "*" of the name behind the last "/"; further ones are dropped. The
-/// result has a directory only if `pattern` begins with "/" or ".".
+/// result has a directory only if `pattern` begins with "/" or "."; zeros fill the `size` bytes behind it.
 KOVA_API char* KovaGetNextFile(const char* pattern, char* result, unsigned int size, unsigned int max_files);
 }
 

@@ -4,9 +4,10 @@
 /// `$NAME` stands for an environment variable; a name is made of letters, digits and "_", without braces, and
 /// what is not set stays as it is. The C-style functions of file_list.h expand and cut by rules of their own.
 ///
-/// Errors: errno of a failed `mkdir` or `fopen`, by `CreatePath` and `CreateFile`; nothing else fails. A null
-/// text is an empty one. Threads: an object is not shared; `CreatePath` and `CreateFile` change the process's
-/// umask while they run.
+/// Errors: errno of a failed `mkdir`, by `CreatePath` and by `CreateFile` and `ResolveFileNo`, which make
+/// directories with it; errno of a failed `fopen`, by `CreateFile`, which is false without an error where the
+/// new file cannot be closed. Nothing else fails. A null text is an empty one. Threads: an object is not
+/// shared; all three change the process's umask while they run.
 #ifndef KOVA_FILENAME_H
 #define KOVA_FILENAME_H
 
@@ -23,8 +24,8 @@ class KOVA_API KovaFilename : public KovaBaseObject {
     KovaFilename(const std::string& path);
     /// Copies the error record as well.
     KovaFilename(const KovaFilename& other);
-    /// `dir`, a "/" where it has none at its end, `name`, a "." unless `ext` begins with one, `ext`; null
-    /// parts are left out.
+    /// `dir`, a "/" where it has none at its end unless it is empty, `name`, a "." unless `ext` begins with
+    /// one, `ext`; null parts are left out.
     KovaFilename(const char* dir, const char* name, const char* ext);
     /// As above with `name2` directly behind `name`.
     KovaFilename(const char* dir, const char* name, const char* name2, const char* ext);
@@ -66,11 +67,11 @@ class KOVA_API KovaFilename : public KovaBaseObject {
     bool CreatePath();
     /// Makes the file, empty, and its directories; true also when it exists. Mode 0666.
     bool CreateFile();
-    /// Chooses the first number below `max_files` (at most 10000) whose file does not exist, or the file that
-    /// was modified longest ago if all do, and returns the path. The number stands, zero-filled, for the "#"
-    /// (or else
-    /// "*") of the name, or behind an added "_", and has as many digits as `max_files` - 1 or as there are
-    /// marks.
+    /// Makes the directories of the path, chooses the first number below `max_files` (at most 10000) whose
+    /// file does not exist, or the file that was modified longest ago if all do, and returns the path; the
+    /// number is 0 when `max_files` is. It stands, zero-filled, for the "#" (or else "*") of the name, or
+    /// behind an added "_", and has as many digits as `max_files` - 1 or as there are marks. The path stays
+    /// as it is where its directories cannot be made.
     const std::string& ResolveFileNo(unsigned int max_files);
 
   private:

@@ -5,7 +5,8 @@
 /// EIDRM or EINVAL from then on.
 ///
 /// Errors: errno of the failing call; signals end a call that waits with EINTR. A key file that cannot be
-/// made ends the process (`pabend`). Reading and writing wait without limit. Any thread may use a queue.
+/// made ends the process (`pabend`). Reading and writing wait without limit. Threads: the functions may be
+/// called from any, for one queue from several at once; an object is one thread's.
 #ifndef KOVA_MESSAGE_QUEUE_H
 #define KOVA_MESSAGE_QUEUE_H
 

@@ -4,9 +4,9 @@
 /// object of any process gets it. Nothing is counted or stored beyond a socket's receive queue: an event that
 /// is posted while nobody has the port open is lost. The socket is opened by the first post or wait.
 ///
-/// Errors: ENOTSOCK (no socket), ETIMEDOUT, KOVA_ERR_SIZE_MISMATCH (a datagram of another size), and errno of
-/// the failing call. Posting or waiting without a name ends the process (`pabend`). Threads: one uses an
-/// object; any other may call `Close` to end its wait.
+/// Errors: ENOTSOCK (no socket), EINVAL (a descriptor of 1024 or above), ETIMEDOUT, KOVA_ERR_SIZE_MISMATCH (a
+/// datagram of another size), and errno of the failing call. Posting or waiting without a name ends the
+/// process (`pabend`). Threads: one uses an object; any other may call `Close` to end its wait.
 #ifndef KOVA_SHARED_EVENT_H
 #define KOVA_SHARED_EVENT_H
 
@@ -42,7 +42,7 @@ class KOVA_API KovaSharedEvent : public KovaUDPSocket {
     /// Drops what waits.
     bool Flush();
     /// Ends the waits of this object for good and closes the socket; waits on other objects end with false,
-    /// too.
+    /// too. A server loop goes on, as that of every UDP socket does.
     void Close() override;
 
   private:

@@ -40,7 +40,7 @@ KOVA_API int KovaSharedMutexDestroy(int* handle, const char* name);
 KOVA_API int KovaSharedMutexLock(int* handle);
 /// Locks if the mutex is free. 0, or 1 with errno EAGAIN if another thread holds it.
 KOVA_API int KovaSharedMutexTrylock(int* handle);
-/// Unlocks. 0, or -1 with errno.
+/// Unlocks. 0, or -1 with errno, EPERM if another thread holds it or nobody does.
 KOVA_API int KovaSharedMutexUnlock(int* handle);
 
 /// Keeps the set after the last destroy, for good. 0.

@@ -5,9 +5,11 @@
 /// readers have left. What a process that dies holds is taken back by the kernel. The lock goes with the last
 /// user unless it was made persistent.
 ///
-/// Errors: after each operation the record holds the semaphore's last code, 0 after a success. Creating and
-/// destroying end the process (`pabend`) when a system call fails. Threads: any may use the object, but its
-/// record tells of its last call only.
+/// Errors: after each operation the record holds the semaphore's last code, 0 after a success. `BeginRead`
+/// may fail with code 0, because a later step cleared that of the one which failed. `SetPersistent` and
+/// `GetRefCounter` leave the record alone. Creating, destroying and making persistent end the process
+/// (`pabend`) when a system call fails. Threads: any may use the object, but its record tells of its last
+/// call only.
 #ifndef KOVA_SHARED_RWLOCK_H
 #define KOVA_SHARED_RWLOCK_H
 

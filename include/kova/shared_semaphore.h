@@ -7,9 +7,9 @@
 ///
 /// Creating, destroying and making persistent end the process (`pabend`) after one trace record when a system
 /// call fails; results below are those where the abnormal end returns. Everything else tells its failure as
-/// -1 with errno: EAGAIN (try), ETIMEDOUT, EFBIG or EINVAL (no such position), EIDRM (removed meanwhile),
-/// ERANGE (more than 32767). `op` is how many units to take if negative, to give if positive; 0 waits until
-/// there are none.
+/// -1 with errno: EAGAIN (try), ETIMEDOUT, EFBIG or EINVAL (no such position), EIDRM (removed while waiting),
+/// EINVAL (removed before), ERANGE (more than 32767). `op` is how many units to take if negative, to give if
+/// positive; 0 waits until there are none.
 ///
 /// Threads: everything may be called from any thread, but the record of an object tells of its last call
 /// only.
@@ -39,12 +39,12 @@ KOVA_API int KovaSharedSemaphoreDestroy(int* handle, const char* name);
 KOVA_API int KovaSharedSemaphoreWait(int* handle, int op, unsigned int pos);
 /// As Wait without waiting: -1 with EAGAIN.
 KOVA_API int KovaSharedSemaphoreTryWait(int* handle, int op, unsigned int pos);
-/// As Wait for at most `timeout` milliseconds: -1 with ETIMEDOUT. A wait that a signal interrupts starts
-/// over.
+/// As Wait for at most `timeout` milliseconds: -1 with ETIMEDOUT, or with EINVAL at once for a negative one.
+/// A wait that a signal interrupts starts over.
 KOVA_API int KovaSharedSemaphoreTimedWait(int* handle, int op, int timeout, unsigned int pos);
 /// Gives one unit.
 KOVA_API int KovaSharedSemaphorePost(int* handle, unsigned int pos);
-/// Releases all that wait at position 0 at this moment: gives it as many units as wait there.
+/// Releases all that wait at position 0 at this moment: gives it as many units as wait there. 0, or -1.
 KOVA_API int KovaSharedSemaphorePostMultiEvent(int* handle);
 /// Waits until position `pos` has `n` units, and takes none. `timeout` in milliseconds, 0 for no limit.
 KOVA_API int KovaSharedSemaphoreTriggerOnPos(int* handle, unsigned int pos, unsigned int n,
@@ -69,7 +69,8 @@ KOVA_API int KovaSharedSemaphoreCDLock(const char* path);
 KOVA_API int KovaSharedSemaphoreCDUnlock(int fd);
 
 /// `count` operations on any set, tried every 2 ms for at most `timeout` on the wall clock (null: without
-/// limit). Adds IPC_NOWAIT to the flags of the operations. 0, or -1 with errno, EAGAIN after the limit.
+/// limit). Adds IPC_NOWAIT to the flags of the operations. 0, or -1 with errno, EAGAIN after the limit. A
+/// limit beyond the clock's 32 bits ends with them, in 2038.
 KOVA_API int KovaSemTimedOp(int set, struct sembuf* operations, unsigned int count,
                             const struct timespec* timeout);
 }
@@ -86,10 +87,10 @@ class KOVA_API KovaSharedSemaphore : public virtual KovaBaseObject {
 
     bool Wait(int op, unsigned int pos);
     bool TryWait(int op, unsigned int pos);
-    /// The time-out stands first here, unlike in the plain function.
+    /// The time-out stands first here, unlike in the plain function; a negative one fails with EINVAL.
     bool TimedWait(int timeout, int op, unsigned int pos);
     /// Waits until position `pos` has `n` units, and takes none. The level stands first here, unlike in the
-    /// plain function; time-out 0 is no limit.
+    /// plain function; time-out 0 is no limit, and a negative one is nearly 2^32 ms, about 49.7 days.
     bool Trigger(unsigned int n, unsigned int pos, int timeout);
     bool Post(unsigned int pos);
     bool SetVal(int value, unsigned int pos);

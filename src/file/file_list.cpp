@@ -1,6 +1,7 @@
 #include "file/directory.h"
 #include "file/numbered_file.h"
 #include "file/path_buffer.h"
+#include "frame/trace.h"
 
 #include <kova/file_list.h>
 #include <kova/file_location.h>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -39,6 +41,14 @@ struct Destination {
     char* WriteExpanded(std::string_view first, std::string_view second = {}) const {
         return KovaReplaceEnvInSting(Write(first, second), size);
     }
+    /// As `strncpy` does it: zeros in all that is left of the buffer.
+    char* WriteAndFill(std::string_view text) const {
+        if (size == 0) return buffer;
+        const size_t copied = std::min<size_t>(text.size(), size - 1);
+        text.copy(buffer, copied);
+        std::memset(buffer + copied, 0, size - copied);
+        return buffer;
+    }
 
     char* const buffer;
     const unsigned size;
@@ -46,7 +56,7 @@ struct Destination {
 
 bool NamesItsPlace(std::string_view path) { return path.starts_with('/') || path.starts_with('.'); }
 
-/// The directory of the location table for a name.
+/// The directory of the location table for a name; empty when there is none.
 class LocatedDirectory {
   public:
     explicit LocatedDirectory(const char* name) {
@@ -69,7 +79,11 @@ pthread_key_t g_DirectoryKey;
 bool g_HasDirectoryKey = false;
 
 // The end of a thread may come after the library was unloaded: the buffers are libc's to free.
-void CreateDirectoryKey() { g_HasDirectoryKey = ::pthread_key_create(&g_DirectoryKey, std::free) == 0; }
+void CreateDirectoryKey() {
+    const int error = ::pthread_key_create(&g_DirectoryKey, std::free);
+    g_HasDirectoryKey = error == 0;
+    if (error != 0) KOVA_TRACE("no key of listing directories, errno=%d", error);
+}
 
 /// The calling thread's buffer, filled by `fill` when it is made now; null without memory.
 template <typename Fill>
@@ -79,8 +93,13 @@ char* ListingDirectory(Fill fill) {
     char* buffer = static_cast<char*>(::pthread_getspecific(g_DirectoryKey));
     if (buffer != nullptr) return buffer;
     buffer = static_cast<char*>(std::calloc(kPathSize, 1));
-    if (buffer == nullptr) return nullptr;
-    if (::pthread_setspecific(g_DirectoryKey, buffer) != 0) {
+    if (buffer == nullptr) {
+        KOVA_TRACE("no memory for a listing directory, errno=%d", errno);
+        return nullptr;
+    }
+    const int error = ::pthread_setspecific(g_DirectoryKey, buffer);
+    if (error != 0) {
+        KOVA_TRACE("listing directory not kept, errno=%d", error);
         std::free(buffer);
         return nullptr;
     }
@@ -199,12 +218,16 @@ char* KovaFullFilePath(const char* name, char* result, unsigned int size) {
     if (name == nullptr) return to.Write({});
     const ExpandedPath path(name);
     if (NamesItsPlace(path.Text())) return to.Write(path.Text());
-    return to.WriteExpanded(LocatedDirectory(path.Get()).Text(), path.Text());
+    const LocatedDirectory directory(path.Get());
+    if (directory.Text().empty()) return to.Write({});
+    return to.WriteExpanded(directory.Text(), path.Text());
 }
 
 char* KovaGetThreadSafeDir() {
     return ListingDirectory([](char* buffer) {
-        if (::getcwd(buffer, kPathSize) == nullptr) buffer[0] = '\0';
+        if (::getcwd(buffer, kPathSize) != nullptr) return;
+        KOVA_TRACE("getcwd errno=%d", errno);
+        buffer[0] = '\0';
     });
 }
 
@@ -221,14 +244,18 @@ void* KovaSetThreadSafeDir(const char* dir) {
 int KovaListFileOrdered(const char* dir, const char* pattern, char* list, unsigned int size,
                         int by_date_time) {
     if (list == nullptr) return 0;
-    ListWriter writer(list, size);
-    if (pattern == nullptr) return 0;
+    if (pattern == nullptr) {
+        std::memset(list, 0, size);
+        return 0;
+    }
 
     char pattern_directory[kPathSize];
     if (dir == nullptr) dir = KovaFilePath(pattern, pattern_directory, sizeof pattern_directory);
     const ExpandedPath listed(dir);
     // Deliberate: stored before the slash is added, so that without one no time can be read.
     KovaSetThreadSafeDir(listed.Get());
+    // Not before: the directory's text may lie in the list. A pattern there is an empty one from now on.
+    ListWriter writer(list, size);
     char directory[kPathSize + 1];
     BoundedText text(directory, sizeof directory);
     text.Append(listed.Text());
@@ -267,12 +294,12 @@ char* KovaGetNextFile(const char* pattern, char* result, unsigned int size, unsi
     static char own[kPathSize];
     const Destination to(result, size, own);
     const std::string_view text = TextOf(pattern);
-    if (text.empty()) return to.Write({});
+    if (text.empty()) return to.WriteAndFill({});
 
     char buffer[kPathSize];
     const std::string_view directory = KovaFilePath(pattern, buffer, sizeof buffer);
     const std::string_view name = text.substr(text.rfind('/') + 1);
     const std::string file = NextFile(directory, name, NumberWidth(text, max_files), max_files);
     const bool with_directory = NamesItsPlace(text) || file.empty();
-    return to.Write(with_directory ? file : std::string_view(file).substr(directory.size()));
+    return to.WriteAndFill(with_directory ? file : std::string_view(file).substr(directory.size()));
 }

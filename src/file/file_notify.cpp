@@ -100,22 +100,26 @@ int InstallFileNotifyHandler(const char* path, KovaFileNotifyT callback) {
     }
     ::fcntl(fd.Get(), F_SETFD, FD_CLOEXEC);
     InstallHandler();
-    if (::fcntl(fd.Get(), F_SETSIG, SIGRTMIN) < 0) {
-        KOVA_TRACE("watch fd=%d no signal, errno=%d", fd.Get(), errno);
+    const int number = fd.Get();
+    if (::fcntl(number, F_SETSIG, SIGRTMIN) < 0) {
+        fd = kova::UniqueFd();
+        KOVA_TRACE("watch fd=%d no signal, errno=%d", number, errno);
         return kNoSignal;
     }
-    if (::fcntl(fd.Get(), F_NOTIFY, kChanges) < 0) {
-        KOVA_TRACE("watch fd=%d no notification, errno=%d", fd.Get(), errno);
+    if (::fcntl(number, F_NOTIFY, kChanges) < 0) {
+        fd = kova::UniqueFd();
+        KOVA_TRACE("watch fd=%d no notification, errno=%d", number, errno);
         return kNoNotification;
     }
     Watch* const watch = FindFreeWatch();
     if (watch == nullptr) {
-        KOVA_TRACE("watch fd=%d too many", fd.Get());
+        fd = kova::UniqueFd();
+        KOVA_TRACE("watch fd=%d too many", number);
         return kTableFull;
     }
     kova::BoundedText(watch->path, sizeof watch->path).Append(directory.Text());
     watch->callback = callback;
-    watch->descriptor = fd.Get();
+    watch->descriptor = number;
     return fd.Release();
 }
 
@@ -137,6 +141,8 @@ void FileNotifySignalHandler(int signal, siginfo_t* info, void*) {
     const kova::ErrnoGuard keep;
     const int fd = info->si_fd;
     KOVA_TRACE("notification signal=%d fd=%d", signal, fd);
+    // A free row has a descriptor like that, and one in the making or being emptied a call-back, too.
+    if (fd < 0) return;
     for (const Watch& watch : g_Watches) {
         if (watch.descriptor != fd) continue;
         const KovaFileNotifyT callback = watch.callback;

@@ -21,26 +21,38 @@ constexpr int kClassType = 1;
 constexpr int kNewQueueFlags = IPC_CREAT | IPC_EXCL | 0666;
 constexpr int kExistingQueueFlags = IPC_EXCL | 0666;
 
-/// Room for a message as the kernel wants it: its type, as wide as the system has it, and its bytes.
+/// Room for a message as the kernel wants it: its type, as wide as the system has it, and its bytes. Small
+/// ones lie in the object itself, so that they cost no allocation.
 class MessageBuffer {
   public:
     /// None, with `errno`, for a negative size and without memory.
     explicit MessageBuffer(int size) {
         if (size < 0) {
             errno = EINVAL;
-            return;
+        } else if (size <= kSmall) {
+            m_Message = m_Own;
+        } else {
+            m_Allocated.reset(new (std::nothrow) char[static_cast<size_t>(size) + kTypeRoom]);
+            m_Message = m_Allocated.get();
+            if (m_Message == nullptr) errno = ENOMEM;
         }
-        m_Bytes.reset(new (std::nothrow) char[sizeof(long) + static_cast<size_t>(size)]);
-        if (!m_Bytes) errno = ENOMEM;
     }
+    MessageBuffer(const MessageBuffer&) = delete;
+    MessageBuffer& operator=(const MessageBuffer&) = delete;
 
-    explicit operator bool() const { return m_Bytes != nullptr; }
-    void SetType(long type) { std::memcpy(m_Bytes.get(), &type, sizeof type); }
-    char* Message() { return m_Bytes.get(); }
-    char* Payload() { return m_Bytes.get() + sizeof(long); }
+    explicit operator bool() const { return m_Message != nullptr; }
+    void SetType(long type) { std::memcpy(m_Message, &type, sizeof type); }
+    char* Message() { return m_Message; }
+    char* Payload() { return m_Message + sizeof(long); }
 
   private:
-    std::unique_ptr<char[]> m_Bytes;
+    static constexpr int kSmall = 4096;
+    static constexpr size_t kTypeRoom = 8;
+    static_assert(sizeof(long) <= kTypeRoom);
+
+    char* m_Message = nullptr;
+    std::unique_ptr<char[]> m_Allocated;
+    alignas(long) char m_Own[sizeof(long) + kSmall];
 };
 
 }  // namespace

@@ -84,6 +84,9 @@ KovaPTid GetOwner(int set) {
     return owner;
 }
 
+/// Whether both ids could be read.
+bool IsRead(const KovaPTid& owner) { return owner.pid != -1 && owner.tid != -1; }
+
 }  // namespace
 
 // Callers hold their handles by pointer, whatever is done with them.
@@ -162,8 +165,10 @@ int KovaSharedMutexUnlock(int* handle) {
     const KovaPTid owner = GetOwner(set);
     int result = -1;
     if (caller != owner) {
+        const int error = IsRead(owner) ? EPERM : errno;
         KOVA_TRACE("unlock set=%d by=%d/%d owner=%d/%d", set, caller.pid, caller.tid, owner.pid, owner.tid);
         kova::AbendOfLock();
+        errno = error;
     } else {
         SetOwner(set, {0, 0});
         // Deliberate: setting the value erases what the kernel would undo at the holder's end, and never

@@ -2,7 +2,6 @@
 #include "frame/fail.h"
 #include "frame/retry.h"
 #include "frame/trace.h"
-#include "frame/wrap.h"
 #include "ipc/key_file.h"
 #include "ipc/semaphore_set.h"
 #include "time/duration.h"
@@ -93,16 +92,26 @@ int OperateWithin(int set, sembuf* operations, size_t count, const timespec& lim
     return result;
 }
 
+int32_t Saturated(int64_t value) {
+    using Limits = std::numeric_limits<int32_t>;
+    return static_cast<int32_t>(std::clamp<int64_t>(value, Limits::min(), Limits::max()));
+}
+
+/// The wall clock's time of then. What the clock cannot show is its last moment, or its first.
 KovaTimeSpec DeadlineAfter(const timespec& limit) {
-    KovaTimeSpec deadline;
-    KovaGetRealClock(&deadline);
-    deadline.seconds = kova::WrapAdd(deadline.seconds, static_cast<int32_t>(limit.tv_sec));
-    deadline.milliseconds =
-        kova::WrapAdd(deadline.milliseconds, static_cast<int32_t>(limit.tv_nsec / 1000000));
-    if (deadline.milliseconds > 999) {
-        deadline.milliseconds -= 1000;
-        deadline.seconds = kova::WrapAdd(deadline.seconds, 1);
+    KovaTimeSpec now;
+    KovaGetRealClock(&now);
+    // Beyond the clock's ends from wherever it stands.
+    constexpr int64_t kFar = int64_t{1} << 34;
+    int64_t seconds = now.seconds + std::clamp<int64_t>(limit.tv_sec, -kFar, kFar);
+    int64_t milliseconds = now.milliseconds + int64_t{limit.tv_nsec / 1000000};
+    if (milliseconds > 999) {
+        milliseconds -= 1000;
+        ++seconds;
     }
+    KovaTimeSpec deadline;
+    deadline.seconds = Saturated(seconds);
+    deadline.milliseconds = Saturated(milliseconds);
     return deadline;
 }
 
@@ -168,6 +177,7 @@ int KovaSharedSemaphorePost(int* handle, unsigned int pos) { return Operate(*han
 
 int KovaSharedSemaphorePostMultiEvent(int* handle) {
     const int waiters = ::semctl(*handle, kFirst, GETNCNT);
+    if (waiters < 0) return -1;
     return kova::SetValue(*handle, kFirst, waiters);
 }
 

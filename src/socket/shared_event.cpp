@@ -52,17 +52,17 @@ bool KovaSharedEvent::HasName() const {
 bool KovaSharedEvent::OpenOnDemand(const char* function) {
     ClearError();
     if (!HasName()) return false;
-    if (IsOpen()) return true;
-    if (!Open()) {
+    const bool was_open = IsOpen();
+    if (!was_open && !Open()) {
         _SetError_(function, __LINE__, ENOTSOCK);
         return false;
     }
-    m_Stop = 0;
     if (m_Socket >= kDescriptorLimit) {
         KOVA_FAIL_IN(function, EINVAL, "event fd=%d cannot be waited for", m_Socket.load());
-        KovaUDPSocket::Close();
+        if (!was_open) KovaUDPSocket::Close();
         return false;
     }
+    if (was_open) return true;
     SetFlag(SO_REUSEADDR, 1);
     return Bind();
 }
@@ -122,7 +122,10 @@ int KovaSharedEvent::EventCount() {
 bool KovaSharedEvent::Flush() {
     SetBlocking(false);
     char dropped[kNameSize];
-    while (EventCount() > 0) RecvFrom(dropped, sizeof dropped);
+    while (EventCount() > 0) {
+        // What cannot be waited for cannot be taken either, and would be counted for ever.
+        if (!RecvFrom(dropped, sizeof dropped) && GetError() == ETIMEDOUT) break;
+    }
     return SetBlocking(true);
 }
 
@@ -130,8 +133,6 @@ void KovaSharedEvent::Close() {
     const kova::ErrorKeeper keep(*this);
     m_Closed = true;
     WakeWaiters();
-    // Ends also a wait that finds no descriptor any more.
-    m_Stop = 1;
     KovaUDPSocket::Close();
 }
 

@@ -15,6 +15,10 @@ namespace {
 
 constexpr int kLinger = 1;
 
+/// Beside what to wait for: the wait is that of a receive, which ends at once when there is no descriptor, as
+/// after a close by another thread. Any other wait on a closed socket lasts its time.
+constexpr auto kOfReceive = static_cast<KovaWaitModeT>(1U << 31);
+
 }  // namespace
 
 KovaUDPSocket::KovaUDPSocket() : KovaUDPSocket(KovaInetAddr(in6addr_any, 0)) {}
@@ -176,8 +180,9 @@ void KovaUDPSocket::InitComplete() {
 
 bool KovaUDPSocket::WaitForData(KovaWaitModeT mode) {
     const KovaSocketT fd = m_Socket;
-    // Nothing would end the wait on a socket that was shut down just now.
+    // Nothing would end the wait on a socket that was closed or shut down just now.
     if (fd < 0 && m_Stop) return false;
+    if (fd < 0 && (mode & kOfReceive) != 0) return KOVA_RECORD(ENOTSOCK);
 
     FdSetT read, write, except;
     const auto wait = [&] {
@@ -188,7 +193,8 @@ bool KovaUDPSocket::WaitForData(KovaWaitModeT mode) {
         return Select(fd + 1, &read, &write, &except, m_Timeout);
     };
     const auto interrupted = [&] {
-        if (m_Stop) return false;
+        // A descriptor that was closed meanwhile may be somebody else's by now.
+        if (m_Stop || m_Socket != fd) return false;
         KOVA_TRACE("udp wait interrupted fd=%d", fd);
         ::sched_yield();
         return true;
@@ -216,7 +222,8 @@ bool KovaUDPSocket::TakeDatagram(void* buffer, size_t size, int flags, const cha
     m_Received = 0;
     const uint32_t wanted = static_cast<uint32_t>(size);
     if (!IsOpen()) return KOVA_FAIL_IN(function, ENOTSOCK, "udp receive without socket, size=%u", wanted);
-    if (!WaitForData(KOVA_WAIT_READ)) {
+    if (!WaitForData(KOVA_WAIT_READ | kOfReceive)) {
+        PauseAfterFailedWait();
         return KOVA_FAIL_IN(function, ETIMEDOUT, "udp receive fd=%d ms=%d", m_Socket.load(), m_Timeout);
     }
     sockaddr_in6 source{};

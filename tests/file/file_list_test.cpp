@@ -4,6 +4,7 @@
 #include "support/trace_recorder.h"
 
 #include <kova/file_list.h>
+#include <kova/file_location.h>
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -29,14 +30,62 @@
 #include <random>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
+
+namespace {
+
+/// While they are set, nobody knows a directory for a name; the calling thread gets no cleared memory.
+std::atomic<bool> g_LookupFails{false};
+thread_local bool t_NoMemory = false;
+
+}  // namespace
+
+bool KovaQueryFileLocation(const char* name, char* directory, unsigned int size) {
+    if (g_LookupFails) return false;
+    const auto real = reinterpret_cast<bool (*)(const char*, char*, unsigned int)>(
+        ::dlsym(RTLD_NEXT, "KovaQueryFileLocation"));
+    return real(name, directory, size);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" void* __libc_calloc(size_t count, size_t size);
+extern "C" void* calloc(size_t count, size_t size) noexcept {
+    if (!t_NoMemory) return __libc_calloc(count, size);
+    errno = ENOMEM;
+    return nullptr;
+}
+#endif
 
 namespace {
 
 constexpr unsigned kPathSize = 4096;
 constexpr size_t kLongestName = 255;
 constexpr const char* kNotListed = "scandir directory=%s errno=%d";
+constexpr const char* kNoDirectoryKey = "no key of listing directories, errno=%d";
+constexpr const char* kNoDirectoryMemory = "no memory for a listing directory, errno=%d";
+constexpr const char* kDirectoryNotKept = "listing directory not kept, errno=%d";
+constexpr const char* kNoWorkingDirectory = "getcwd errno=%d";
+
+static_assert(std::is_same_v<char*(char*), decltype(KovaNextFileInList)>);
+static_assert(std::is_same_v<char*(char*, unsigned int), decltype(KovaReplaceEnvInSting)>);
+static_assert(std::is_same_v<char*(const char*, const char*, const char*, const char*, char*, unsigned int),
+                             decltype(KovaFileName)>);
+static_assert(std::is_same_v<char*(const char*, char*, unsigned int), decltype(KovaFilePath)>);
+static_assert(std::is_same_v<char*(const char*, char*, unsigned int), decltype(KovaFullFilePath)>);
+static_assert(std::is_same_v<char*(), decltype(KovaGetThreadSafeDir)>);
+static_assert(std::is_same_v<void*(const char*), decltype(KovaSetThreadSafeDir)>);
+static_assert(
+    std::is_same_v<int(const char*, const char*, char*, unsigned int, int), decltype(KovaListFileOrdered)>);
+static_assert(
+    std::is_same_v<int(const char*, const char*, char*, unsigned int), decltype(KovaListFileByAlpha)>);
+static_assert(std::is_same_v<int(const char*, const char*, char*, unsigned int), decltype(KovaListFile)>);
+static_assert(
+    std::is_same_v<int(const char*, const char*, char*, unsigned int), decltype(KovaListFileByDateTime)>);
+static_assert(std::is_same_v<int(const dirent**, const dirent**), decltype(DateTimeSort)>);
+static_assert(
+    std::is_same_v<char*(const char*, char*, unsigned int, unsigned int), decltype(KovaGetNextFile)>);
 
 using Names = std::vector<std::string>;
 using Variables = std::map<std::string, std::string>;
@@ -476,6 +525,16 @@ TEST_F(FileList, FullPathIsExpandedBeforeAndAfterTheLookup) {
     EXPECT_EQ("/x$B", FullFilePath("/x$A")) << "once only";
 }
 
+TEST_F(FileList, NameWithoutADirectoryOfItsKindHasNoPath) {
+    const Environment none(Variables{});
+    g_LookupFails = true;
+    EXPECT_EQ("", FullFilePath("status.cache")) << "not the name alone";
+    EXPECT_EQ("", FilePath("status.cache"));
+    EXPECT_EQ("/a/b", FullFilePath("/a/b")) << "nobody is asked for that";
+    g_LookupFails = false;
+    EXPECT_EQ("/tmp/kova/cache/status.cache", FullFilePath("status.cache"));
+}
+
 TEST_F(FileList, PathsAreCutToTheirBuffer) {
     const Environment none(Variables{});
     EXPECT_EQ("/var/log/", FilePath("/var/log/app.log", 10));
@@ -619,7 +678,11 @@ TEST_F(FileList, WorkingDirectoryThatCannotBeReadIsEmpty) {
                               errno = ERANGE;
                               return nullptr;
                           }});
+        const TraceRecorder recorder;
         EXPECT_STREQ("", KovaGetThreadSafeDir());
+        EXPECT_STREQ("", KovaGetThreadSafeDir());
+        EXPECT_EQ(1u, recorder.All().size());
+        EXPECT_TRUE(recorder.Has(kNoWorkingDirectory, {ERANGE}));
     });
 }
 
@@ -742,10 +805,13 @@ KOVA_PART(list_without_a_key) {
         for (const std::string& name : names) all += name + " ";
         return all;
     };
+    const TraceRecorder recorder;
     process::Tell(KovaGetThreadSafeDir() == nullptr ? "no directory" : "directory");
     process::Tell(KovaSetThreadSafeDir("/x") == nullptr ? "no directory" : "directory");
     process::Tell(join(ByName(directory, "[a-z]")));
     process::Tell(join(ByTime(directory, "[a-z]")));
+    EXPECT_EQ(1u, recorder.All().size()) << "told once";
+    EXPECT_TRUE(recorder.Has(kNoDirectoryKey, {EAGAIN}));
     return 0;
 }
 
@@ -759,6 +825,43 @@ TEST_F(FileList, WithoutAListingDirectoryFilesAreListedAllTheSame) {
     EXPECT_EQ("a b ", lister.Hear());
     EXPECT_EQ("b a ", lister.Hear());
     EXPECT_EQ(0, lister.Wait());
+}
+
+KOVA_PART(list_with_a_key_that_keeps_nothing) {
+    const fake::Script keys(fake::pthread_key_create, {[](pthread_key_t* key, void (*)(void*)) {
+                                *key = PTHREAD_KEYS_MAX;
+                                return 0;
+                            }});
+    const TraceRecorder recorder;
+    EXPECT_EQ(nullptr, KovaGetThreadSafeDir());
+    EXPECT_EQ(nullptr, KovaSetThreadSafeDir("/x"));
+    EXPECT_EQ(2u, recorder.All().size()) << "each call tries again";
+    EXPECT_TRUE(recorder.Has(kDirectoryNotKept, {EINVAL}));
+    return 0;
+}
+
+TEST_F(FileList, ListingDirectoryThatCannotBeKeptIsNone) {
+    process::Process lister("list_with_a_key_that_keeps_nothing");
+    EXPECT_EQ(0, lister.Wait());
+}
+
+TEST_F(FileList, WithoutMemoryThereIsNoListingDirectory) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the memory is the sanitizer's";
+#endif
+    OnNewThread([] {
+        const TraceRecorder recorder;
+        t_NoMemory = true;
+        char* const got = KovaGetThreadSafeDir();
+        void* const set = KovaSetThreadSafeDir("/x");
+        t_NoMemory = false;
+        EXPECT_EQ(nullptr, got);
+        EXPECT_EQ(nullptr, set);
+        EXPECT_EQ(2u, recorder.All().size());
+        EXPECT_TRUE(recorder.Has(kNoDirectoryMemory, {ENOMEM}));
+        KovaSetThreadSafeDir("/x");
+        EXPECT_STREQ("/x", KovaGetThreadSafeDir()) << "as soon as there is memory";
+    });
 }
 
 // --- Listing by name ---
@@ -888,6 +991,32 @@ TEST_F(FileList, ListingDirectoryMayBeListed) {
     KovaSetThreadSafeDir(directory.Path().c_str());
     EXPECT_EQ((Names{"a"}), List(KovaListFileByDateTime, KovaGetThreadSafeDir(), "a"));
     EXPECT_EQ(directory.Path(), KovaGetThreadSafeDir());
+}
+
+TEST_F(FileList, TextOfTheDirectoryMayLieInTheList) {
+    const Directory directory;
+    directory.Add("a", 2000);
+    directory.Add("b", 1000);
+    for (const int by_time : {0, 1}) {
+        Buffer list(200, directory.Path());
+        EXPECT_EQ(2, KovaListFileOrdered(list.Get(), "[ab]", list.Get(), list.Size(), by_time));
+        EXPECT_EQ((by_time != 0 ? Names{"b", "a"} : Names{"a", "b"}), NamesIn(list.Get()));
+        EXPECT_EQ(directory.Path(), KovaGetThreadSafeDir());
+    }
+}
+
+TEST_F(FileList, PatternInTheListNamesItsDirectoryAndMatchesNothing) {
+    const Environment none(Variables{});
+    const Directory directory("/tmp/kova/cache/");
+    directory.Add("a.cache");
+    for (const int by_time : {0, 1}) {
+        KovaSetThreadSafeDir("/x");
+        Buffer list(200, "*.cache");
+        EXPECT_EQ(0, KovaListFileOrdered(nullptr, list.Get(), list.Get(), list.Size(), by_time))
+            << "it is overwritten before the names are compared";
+        EXPECT_EQ(directory.Path(), KovaGetThreadSafeDir());
+        EXPECT_EQ(std::string(200, '\0'), list.Bytes(200));
+    }
 }
 
 TEST_F(FileList, DirectoryThatCannotBeReadGivesAnEmptyList) {
@@ -1406,6 +1535,42 @@ TEST_F(FileList, NumberedFileIsCutToItsBuffer) {
     EXPECT_EQ("/", NextFile("/none/n?", 5, 2));
     EXPECT_EQ("", NextFile("/none/n?", 5, 1));
     EXPECT_EQ("lo", NextFile("log?", 5, 3));
+}
+
+TEST_F(FileList, ZerosFillTheBufferBehindANumberedFile) {
+    const Environment none(Variables{});
+    constexpr unsigned kSize = 100;
+    const auto expect = [](const std::string& pattern, unsigned max_files, std::string name) {
+        Buffer result(kSize);
+        KovaGetNextFile(pattern.c_str(), result.Get(), kSize, max_files);
+        name.resize(kSize, '\0');
+        EXPECT_EQ(name, result.Bytes(kSize)) << pattern;
+    };
+    expect("/none/n?", 5, "/none/n0");
+    expect("log?", 5, "log0");
+    expect("/none/n?", 0, "");
+    expect("", 5, "");
+    const Directory directory;
+    directory.Add("n0", 2000);
+    directory.Add("n1", 1000);
+    expect(directory / "n?", 2, directory / "n1");
+    expect("/none/" + std::string(200, 'n'), 5, "/none/" + std::string(kSize - 7, 'n'));
+    for (const unsigned size : {1U, 2U, 8U, 9U, 10U}) {
+        Buffer result(size);
+        KovaGetNextFile("/none/n?", result.Get(), size, 5);
+        std::string wanted = std::string("/none/n0").substr(0, size - 1);
+        wanted.resize(size, '\0');
+        EXPECT_EQ(wanted, result.Bytes(size)) << size;
+    }
+}
+
+TEST_F(FileList, ZerosFillTheOwnBufferBehindANumberedFile) {
+    char* const own = KovaGetNextFile(("/none/" + std::string(5000, 'n')).c_str(), nullptr, 0, 5);
+    EXPECT_EQ(std::string(4089, 'n'), own + 6);
+    EXPECT_EQ(own, KovaGetNextFile("/none/n?", nullptr, 9, 5));
+    std::string wanted = "/none/n0";
+    wanted.resize(kPathSize, '\0');
+    EXPECT_EQ(wanted, std::string(own, kPathSize)) << "whatever size is given";
 }
 
 }  // namespace

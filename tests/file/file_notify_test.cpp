@@ -33,6 +33,9 @@
 namespace {
 
 static_assert(std::is_same_v<void (*)(const char*), KovaFileNotifyT>);
+static_assert(std::is_same_v<int(const char*, KovaFileNotifyT), decltype(InstallFileNotifyHandler)>);
+static_assert(std::is_same_v<int(const char*), decltype(UnInstallFileNotifyHandler)>);
+static_assert(std::is_same_v<void(int, siginfo_t*, void*), decltype(FileNotifySignalHandler)>);
 
 constexpr size_t kMostWatches = 8;
 
@@ -308,6 +311,15 @@ TEST_F(FileNotify, SigioGetsAHandlerWhereItHasNone) {
     EXPECT_EQ(1u, g_Told) << "nobody is called for SIGIO";
 }
 
+TEST_F(FileNotify, SigioGetsAHandlerAtEachInstall) {
+    const std::array<Directory, 2> directories;
+    for (const Directory& directory : directories) {
+        SetAction(SIGIO, SIG_DFL);
+        ASSERT_LE(0, Install(directory.Path()));
+        EXPECT_NE(SIG_DFL, ActionOf(SIGIO).sa_handler);
+    }
+}
+
 TEST_F(FileNotify, SigioKeepsItsHandler) {
     const Directory first, second;
     for (const sighandler_t handler : {SIG_IGN, sighandler_t{[](int) {}}}) {
@@ -450,12 +462,32 @@ TEST_F(FileNotify, WithoutADescriptorNothingIsWatched) {
     EXPECT_TRUE(IsOnlyRecord(recorder, kNotOpened, EMFILE));
 }
 
+/// Expects that no refusal is traced before the descriptor is closed, and spoils the errno of the closing.
+class ClosesBeforeItTraces {
+  public:
+    explicit ClosesBeforeItTraces(const TraceRecorder& recorder)
+        : m_Close(
+              fake::close,
+              [&recorder](int fd) {
+                  EXPECT_EQ(0u, recorder.All().size());
+                  const int result = fake::close.Real(fd);
+                  errno = EDOM;
+                  return result;
+              },
+              fake::kThisThread) {}
+    ~ClosesBeforeItTraces() { EXPECT_EQ(1u, m_Close.Calls()); }
+
+  private:
+    const fake::Replace<int(int)> m_Close;
+};
+
 TEST_F(FileNotify, DirectoryWithoutSignalIsClosed) {
     const Directory directory;
     SetAction(SIGIO, SIG_DFL);
     TraceRecorder recorder;
     fake::Script refuses(fake::fcntl, {fake::Fail(EINVAL)}, fake::kThisThread);
     refuses.When([](int, int command, long) { return command == F_SETSIG; });
+    const ClosesBeforeItTraces order(recorder);
     const fake::Journal journal(fake::kThisThread);
     EXPECT_EQ(-4, Install(directory.Path()));
     Texts expected = CallsOfAnInstall(directory.Path());
@@ -472,6 +504,7 @@ TEST_F(FileNotify, WhatIsNoDirectoryIsClosed) {
     directory.Add("file");
     SetAction(SIGIO, SIG_DFL);
     TraceRecorder recorder;
+    const ClosesBeforeItTraces order(recorder);
     const fake::Journal journal(fake::kThisThread);
     EXPECT_EQ(-5, Install(directory / "file"));
     Texts expected = CallsOfAnInstall(directory / "file");
@@ -490,6 +523,7 @@ TEST_F(FileNotify, NinthDirectoryIsTooMany) {
     const Directory& ninth = directories[kMostWatches];
     {
         TraceRecorder recorder;
+        const ClosesBeforeItTraces order(recorder);
         const fake::Journal journal(fake::kThisThread);
         EXPECT_EQ(-6, Install(ninth.Path()));
         Texts expected = CallsOfAnInstall(ninth.Path());
@@ -670,6 +704,26 @@ TEST_F(FileNotify, SignalOfAnUnknownDescriptorIsIgnored) {
     }
     EXPECT_EQ(4u, recorder.All().size());
     EXPECT_EQ(0u, g_Told);
+}
+
+TEST_F(FileNotify, SignalWithoutADescriptorCallsNobodyWhileARowIsEmptied) {
+    const Directory directory;
+    ASSERT_LE(0, Install(directory.Path()));
+    TraceRecorder recorder;
+    fake::Replace fcntls(
+        fake::fcntl,
+        [](int, int, long) {
+            for (const int none : {-1, -2}) Signal(none);
+            return -1;
+        },
+        fake::kThisThread);
+    fcntls.When([](int, int command, long) { return command == F_DUPFD; });
+    EXPECT_EQ(0, UnInstallFileNotifyHandler(directory.Path().c_str()));
+    EXPECT_EQ(1u, fcntls.Calls());
+    EXPECT_EQ(0u, g_Told);
+    EXPECT_TRUE(recorder.Has(kNotification, {SIGRTMIN, -1}));
+    EXPECT_TRUE(recorder.Has(kNotification, {SIGRTMIN, -2}));
+    EXPECT_EQ(-1, Uninstall(directory.Path()));
 }
 
 TEST_F(FileNotify, SignalOfAForeignWatchIsIgnored) {

@@ -52,6 +52,8 @@ constexpr const char* kPath = "/tmp/voxa/hubl/q.kovamsg";
 
 /// An errno that nothing here leaves.
 constexpr int kStale = ENOTTY;
+/// Larger messages lie in memory that is allocated for them.
+constexpr int kMostOnTheStack = 4096;
 /// No queue has this id.
 constexpr int kNoSuchQueue = 0x7FFF0000;
 
@@ -768,6 +770,37 @@ TEST_F(MessageQueue, LargestSizeReadsOrHasNoMemory) {
     EXPECT_EQ("five.", std::string(buffer, sizeof buffer));
 }
 
+TEST_F(MessageQueue, MessagesOfUpTo4096BytesNeedNoMemory) {
+    const int queue = Open();
+    for (const size_t size : {size_t{0}, size_t{1}, size_t{4095}, size_t{4096}}) {
+        SCOPED_TRACE(size);
+        const std::string sent = Pattern(size);
+        std::string received(size, '#');
+        const fake::Counter allocations(fake::new_array_nothrow, fake::kThisThread);
+        EXPECT_EQ(0, KovaQueueWrite(queue, sent.data(), static_cast<int>(size), 1));
+        EXPECT_EQ(static_cast<int>(size), KovaQueueRead(queue, received.data(), static_cast<int>(size), 1));
+        EXPECT_EQ(0u, allocations.Calls());
+        EXPECT_EQ(sent, received);
+    }
+}
+
+TEST_F(MessageQueue, LargerMessagesTakeEightBytesMoreThanTheirSize) {
+    const int queue = Open();
+    for (const size_t size : {size_t{4097}, size_t{8192}}) {
+        SCOPED_TRACE(size);
+        const std::string sent = Pattern(size);
+        std::string received(size, '#');
+        const auto allocate = [&](size_t bytes, const std::nothrow_t& tag) {
+            EXPECT_EQ(size + 8, bytes);
+            return fake::new_array_nothrow.Real(bytes, tag);
+        };
+        const fake::Script allocations(fake::new_array_nothrow, {allocate, allocate}, fake::kThisThread);
+        EXPECT_EQ(0, KovaQueueWrite(queue, sent.data(), static_cast<int>(size), 1));
+        EXPECT_EQ(static_cast<int>(size), KovaQueueRead(queue, received.data(), static_cast<int>(size), 1));
+        EXPECT_EQ(sent, received);
+    }
+}
+
 TEST_F(MessageQueue, WithoutMemoryNothingIsWrittenOrRead) {
     const int queue = Open();
     ASSERT_TRUE(RawSend(queue, 1, "stays"));
@@ -776,11 +809,12 @@ TEST_F(MessageQueue, WithoutMemoryNothingIsWrittenOrRead) {
         const fake::Journal journal;
         const fake::Script allocations(fake::new_array_nothrow, {fake::Fail(kStale), fake::Fail(kStale)},
                                        fake::kThisThread);
-        EXPECT_EQ(-1, Write(queue, "x"));
+        EXPECT_EQ(-1, Write(queue, Pattern(kMostOnTheStack + 1)));
         EXPECT_EQ(ENOMEM, errno);
-        char buffer[64];
-        EXPECT_EQ(-1, KovaQueueRead(queue, buffer, sizeof buffer, 1));
+        std::string buffer(kMostOnTheStack + 1, '#');
+        EXPECT_EQ(-1, KovaQueueRead(queue, buffer.data(), kMostOnTheStack + 1, 1));
         EXPECT_EQ(ENOMEM, errno);
+        EXPECT_EQ(std::string(kMostOnTheStack + 1, '#'), buffer);
         EXPECT_EQ(Texts{}, journal.Texts());
     }
     ExpectRecords(recorder, {{kWritten, {-1, ENOMEM}}, {kRead, {-1, ENOMEM}}});
@@ -963,7 +997,8 @@ TEST_F(MessageQueueObject, ErrorIsThatOfTheLastOperation) {
     }
     {
         const fake::Script allocations(fake::new_array_nothrow, {fake::Fail(kStale)}, fake::kThisThread);
-        EXPECT_EQ(-1, object->Read(&byte, 1));
+        char buffer[kMostOnTheStack + 1];
+        EXPECT_EQ(-1, object->Read(buffer, sizeof buffer));
         EXPECT_EQ(ENOMEM, object->GetError());
     }
     EXPECT_TRUE(HasCleanRecord(*object)) << "the base's record is another thing";

@@ -1438,7 +1438,11 @@ TEST_F(SharedMutexFunctions, ThreadIdAbove32767EndsTheProcess) {
         return RunInChild([&] {
             // A thread that has not asked for its id yet.
             DeadlineThread([&] {
-                const fake::Always ids(fake::syscall, fake::Return(tid), fake::kThisThread);
+                const auto ask = [&](long number, long a, long b, long c, long d, long e, long f) {
+                    if (number == SYS_gettid) return long{tid};
+                    return fake::syscall.Real(number, a, b, c, d, e, f);
+                };
+                const fake::Replace ids(fake::syscall, ask, fake::kThisThread);
                 EXPECT_EQ(0, KovaSharedMutexLock(&m_Set));
                 check();
             }).Join();
@@ -1645,7 +1649,9 @@ TEST_F(SharedMutexFunctions, UnlockByAnyoneButTheOwnerEndsTheProcess) {
         const Values before = ipc::Values(set);
         ExpectFatal([=, this, owner = std::pair(owner_pid, owner_tid)](TraceRecorder& recorder) {
             const fake::Journal calls = SetCalls();
+            errno = kStale;
             EXPECT_EQ(-1, KovaSharedMutexUnlock(&m_Set));
+            EXPECT_EQ(EPERM, errno);
             EXPECT_EQ((Texts{Semctl(set, "2 GETVAL"), Semctl(set, "3 GETVAL")}), calls.Texts());
             ExpectRecords(recorder, {{kUnlockByStranger, {set, pid, tid, owner.first, owner.second}},
                                      AbendAgain(),
@@ -1703,6 +1709,20 @@ TEST_F(SharedMutexFunctions, UnlockOfARemovedSetEndsTheProcess) {
                                  AbendAgain(),
                                  {kUnlock, {set}}});
     });
+}
+
+TEST_F(SharedMutexFunctions, UnlockKeepsTheErrnoOfAnIdThatCannotBeRead) {
+    const int set = Open();
+    for (const int position : {2, 3}) {
+        ExpectFatal([=, this](TraceRecorder& recorder) {
+            fake::Script fails(fake::semctl, {fake::Fail(EACCES)});
+            Only(fails, GETVAL, position);
+            EXPECT_EQ(-1, KovaSharedMutexUnlock(&m_Set));
+            EXPECT_EQ(EACCES, errno);
+            EXPECT_TRUE(recorder.Has(kOwnerNotRead, {set, EACCES}));
+        });
+    }
+    Close();
 }
 
 // A child made by fork has the ids of the process that made it.
@@ -1913,6 +1933,15 @@ TEST_F(SharedMutex, TraceFlagSwitchesNothing) {
     }
 }
 
+TEST_F(SharedMutex, TracesFailuresFromItsConstructionOn) {
+    KovaSharedMutex mutex(kName);
+    const int set = mutex.GetHandle();
+    ipc::SetValue(set, 0, 0);
+    m_Recorder.Clear();
+    EXPECT_FALSE(mutex.Trylock());
+    ExpectRecords(m_Recorder, {{kTrylockFailed, {set, EAGAIN, 0, 0}}});
+}
+
 TEST_F(SharedMutex, TrylockOfABusyMutexIsRecorded) {
     KovaSharedMutex mutex(kName);
     Holder holder(mutex.GetHandle());
@@ -1972,6 +2001,17 @@ TEST_F(SharedMutex, FailedUnlockIsRecorded) {
     Only(fails, SETVAL, 0);
     EXPECT_FALSE(mutex.Unlock());
     ExpectError(mutex, EACCES, "bool KovaSharedMutex::Unlock()");
+}
+
+TEST_F(SharedMutex, UnlockOfAMutexThatIsNotHeldIsRecorded) {
+    ExpectFatal([](TraceRecorder& recorder) {
+        KovaSharedMutex mutex(kName);
+        recorder.Clear();
+        errno = kStale;
+        EXPECT_FALSE(mutex.Unlock());
+        ExpectError(mutex, EPERM, "bool KovaSharedMutex::Unlock()");
+        EXPECT_EQ(1u, recorder.Count(kUnlockByStranger));
+    });
 }
 
 TEST_F(SharedMutex, FailedCreationIsRecorded) {

@@ -251,6 +251,24 @@ TEST_F(SharedReadWriteLock, CountsItsUsers) {
     EXPECT_EQ(1, m_Lock->GetRefCounter());
 }
 
+TEST_F(SharedReadWriteLock, SetPersistentAndRefCounterLeaveRecordAndTracesAlone) {
+    EXPECT_TRUE(m_Lock->BeginWrite());
+    EXPECT_FALSE(m_Lock->TryWrite());
+    const int line = m_Lock->GetErrorLine();
+    m_Recorder.Clear();
+    EXPECT_TRUE(m_Lock->SetPersistent());
+    EXPECT_EQ(1, m_Lock->GetRefCounter());
+    {
+        const fake::Script reads(fake::semctl, {fake::Fail(EACCES)}, fake::kThisThread);
+        EXPECT_EQ(-1, m_Lock->GetRefCounter());
+    }
+    EXPECT_TRUE(HasError(EAGAIN, kTryWriteFunction));
+    EXPECT_EQ(line, m_Lock->GetErrorLine());
+    ExpectRecords(m_Recorder, {});
+    EXPECT_TRUE(m_Lock->EndWrite());
+    ipc::SetValue(m_Set, kPersistent, 0);
+}
+
 TEST_F(SharedReadWriteLock, SharesItsSetWithTheSemaphoreOfItsName) {
     KovaSharedSemaphore semaphore(kName, 7, 2);
     EXPECT_EQ(m_Set, semaphore.GetHandle());

@@ -1633,10 +1633,20 @@ TEST_F(SharedSemaphoreMultiEvent, ReturnsAFailedSetting) {
     ExpectRecords(m_Recorder, {});
 }
 
+TEST_F(SharedSemaphoreMultiEvent, SetsNothingWhenItCannotCount) {
+    const FailingControl counts(GETNCNT, EACCES);
+    EXPECT_EQ(-1, KovaSharedSemaphorePostMultiEvent(&m_Set));
+    EXPECT_EQ(EACCES, errno);
+    EXPECT_EQ((Values{1, 0, 3, 0}), All());
+    ExpectRecords(m_Recorder, {});
+}
+
 TEST_F(SharedSemaphoreMultiEvent, OfASetThatIsGoneFails) {
     int set = Remove();
+    const SetJournal journal;
     EXPECT_EQ(-1, KovaSharedSemaphorePostMultiEvent(&set));
-    EXPECT_TRUE(errno == EINVAL || errno == ERANGE) << errno;
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(Texts{Semctl(set, "2 GETNCNT")}, journal.Texts()) << "nothing is set";
     ExpectRecords(m_Recorder, {});
 }
 
@@ -1955,6 +1965,41 @@ TEST_F(SemTimedOp, FarLimitIsNotOverAtOnce) {
     EXPECT_EQ(0, Take(&limit)) << "up to the end of 32-bit time";
 }
 
+TEST_F(SemTimedOp, LimitBeyondTheClockEndsWithTheClock) {
+    std::vector<timespec> limits{{kMax, 0}, {kMax, 999999999}, {447483647, 999999999}};
+    if (sizeof(time_t) > sizeof(int32_t)) {
+        for (const int64_t seconds :
+             {int64_t{1} << 31, int64_t{1} << 32, int64_t{3} << 32, std::numeric_limits<int64_t>::max()}) {
+            limits.push_back({static_cast<time_t>(seconds), 999999999});
+        }
+    }
+    for (const timespec& limit : limits) {
+        for (const time_t begin : {time_t{1700000000}, time_t{0}, time_t{kMax - 1}}) {
+            SCOPED_TRACE(testing::Message() << begin << " + " << limit.tv_sec);
+            if (begin == 0 && limit.tv_sec < kMax) continue;
+            const WallClock clock({{begin, 0}, {kMax - 1, 999999999}, {kMax, 999999999}});
+            EXPECT_EQ(-1, Take(&limit));
+            EXPECT_EQ(EAGAIN, errno);
+            EXPECT_EQ(1u, clock.Pauses()) << "not before the last second";
+        }
+    }
+}
+
+TEST_F(SemTimedOp, LimitBeforeTheClockTriesOnce) {
+    std::vector<timespec> limits{{kMin, 0}, {kMin, -999999999}};
+    if (sizeof(time_t) > sizeof(int32_t)) {
+        for (const int64_t seconds : {-(int64_t{1} << 32) + 5, std::numeric_limits<int64_t>::min()}) {
+            limits.push_back({static_cast<time_t>(seconds), 0});
+        }
+    }
+    for (const timespec& limit : limits) {
+        const WallClock clock({{1000, 0}, {1000, 0}});
+        EXPECT_EQ(-1, Take(&limit)) << limit.tv_sec;
+        EXPECT_EQ(EAGAIN, errno);
+        EXPECT_EQ(0u, clock.Pauses());
+    }
+}
+
 TEST_F(SemTimedOp, LimitIsWaitedFor) {
     const timespec limit{0, 50000000};
     const auto begin = steady_clock::now();
@@ -2107,6 +2152,17 @@ TEST_F(SharedSemaphoreClass, GivesAllPositionsOneValue) {
     EXPECT_EQ((Values{1, 0}), ipc::Values(none.GetHandle()));
 }
 
+TEST_F(SharedSemaphoreClass, TracesFailuresFromItsConstructionOn) {
+    const int inits[] = {0, 0};
+    KovaSharedSemaphore listed("listed", inits, 2);
+    KovaSharedSemaphore same("same", 0, 2);
+    for (KovaSharedSemaphore* const fresh : {&listed, &same}) {
+        m_Recorder.Clear();
+        EXPECT_FALSE(fresh->TryWait(-1, 1));
+        ExpectRecords(m_Recorder, {{kWouldWait, {fresh->GetHandle(), 1}}});
+    }
+}
+
 TEST_F(SharedSemaphoreClass, KeepsTheFirst64CharactersOfItsName) {
     const std::string longest = std::string(60, 'n') + "abcd";
     {
@@ -2174,8 +2230,12 @@ TEST_F(SharedSemaphoreClass, TriggerTakesTheLevelFirst) {
         const fake::Journal journal({&fake::semop, &fake::semtimedop}, fake::kThisThread);
         EXPECT_TRUE(m_Object->Trigger(5, 1, 0));
         EXPECT_TRUE(m_Object->Trigger(5, 1, 2500));
+        EXPECT_TRUE(m_Object->Trigger(5, 1, -1)) << "nearly 50 days";
+        EXPECT_TRUE(m_Object->Trigger(5, 1, kMin));
         EXPECT_EQ((Texts{Semop(m_Set, "[3 -5 SEM_UNDO, 3 +5 SEM_UNDO]"),
-                         Semtimedop(m_Set, "[3 -5 SEM_UNDO, 3 +5 SEM_UNDO] {2, 500000000}")}),
+                         Semtimedop(m_Set, "[3 -5 SEM_UNDO, 3 +5 SEM_UNDO] {2, 500000000}"),
+                         Semtimedop(m_Set, "[3 -5 SEM_UNDO, 3 +5 SEM_UNDO] {4294967, 295000000}"),
+                         Semtimedop(m_Set, "[3 -5 SEM_UNDO, 3 +5 SEM_UNDO] {2147483, 648000000}")}),
                   journal.Texts());
     }
     ExpectSuccess([&] { return m_Object->Trigger(9, 1, 0); });

@@ -348,33 +348,72 @@ TEST_F(SharedEvent, FailedBindDoesNotEndLaterWaits) {
     EXPECT_TRUE(event.Wait(kExact));
 }
 
+/// Descriptors from 1024 on can be had while it lives.
+class HighDescriptors {
+  public:
+    static constexpr int kFirst = 1024;
+
+    HighDescriptors() {
+        EXPECT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &m_Before));
+        rlimit wanted = m_Before;
+        wanted.rlim_cur = std::max<rlim_t>(wanted.rlim_cur, kFirst + 64);
+        wanted.rlim_max = std::max<rlim_t>(wanted.rlim_max, kFirst + 64);
+        EXPECT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &wanted));
+    }
+    HighDescriptors(const HighDescriptors&) = delete;
+    HighDescriptors& operator=(const HighDescriptors&) = delete;
+    ~HighDescriptors() { ::setrlimit(RLIMIT_NOFILE, &m_Before); }
+
+    static int Make(int domain, int type, int protocol) {
+        const Fd low(fake::socket.Real(domain, type, protocol));
+        return fake::fcntl.Real(low, F_DUPFD, kFirst);
+    }
+
+  private:
+    rlimit m_Before{};
+};
+
+const struct {
+    const char* function;
+    std::function<bool(Event&)> operation;
+} kOperations[] = {{kPost, [](Event& event) { return event.Post(); }},
+                   {kTimedWait, [](Event& event) { return event.TimedWait(60000, kExact); }},
+                   {kTimedWait, [](Event& event) { return event.Wait(kExact); }}};
+
 TEST_F(SharedEvent, DescriptorThatCannotBeWaitedForIsRefused) {
-    constexpr int kFirst = 1024;
-    rlimit limit{};
-    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
-    rlimit wanted = limit;
-    wanted.rlim_cur = std::max<rlim_t>(wanted.rlim_cur, kFirst + 64);
-    wanted.rlim_max = std::max<rlim_t>(wanted.rlim_max, kFirst + 64);
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &wanted));
-    {
-        const struct {
-            const char* function;
-            std::function<bool(Event&)> operation;
-        } cases[] = {{kPost, [](Event& event) { return event.Post(); }},
-                     {kTimedWait, [](Event& event) { return event.TimedWait(60000, kExact); }},
-                     {kTimedWait, [](Event& event) { return event.Wait(kExact); }}};
-        for (const auto& c : cases) {
+    const HighDescriptors high;
+    for (const auto& c : kOperations) {
+        Event event("high");
+        const fake::Script sockets(fake::socket, {HighDescriptors::Make});
+        EXPECT_FALSE(c.operation(event));
+        EXPECT_TRUE(Recorded(event, EINVAL, c.function));
+        EXPECT_EQ(KOVA_SOCKET_CLOSED, event.GetMode());
+    }
+}
+
+TEST_F(SharedEvent, DescriptorThatIsThereAndCannotBeWaitedForIsRefusedAndStays) {
+    const HighDescriptors high;
+    for (const bool adopted : {false, true}) {
+        for (const auto& c : kOperations) {
+            SCOPED_TRACE(c.function);
             Event event("high");
-            const fake::Script sockets(fake::socket, {[](int domain, int type, int protocol) {
-                                           const Fd low(fake::socket.Real(domain, type, protocol));
-                                           return fake::fcntl.Real(low, F_DUPFD, kFirst);
-                                       }});
+            const fake::Script sockets(fake::socket, {HighDescriptors::Make});
+            if (adopted) {
+                EXPECT_TRUE(event.SetSocket(::socket(AF_INET6, SOCK_DGRAM, 0)));
+            } else {
+                EXPECT_TRUE(event.Open());
+            }
+            const int fd = event.GetSocket();
+            ASSERT_GE(fd, HighDescriptors::kFirst);
+            const TraceRecorder recorder;
+            const fake::Journal journal;
             EXPECT_FALSE(c.operation(event));
             EXPECT_TRUE(Recorded(event, EINVAL, c.function));
-            EXPECT_EQ(KOVA_SOCKET_CLOSED, event.GetMode());
+            ExpectRecords(recorder, {{"event fd=%d cannot be waited for", {fd}}});
+            EXPECT_EQ(Texts{}, journal.Texts());
+            EXPECT_EQ(fd, event.GetSocket());
         }
     }
-    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST_F(SharedEvent, SocketWithoutReuseIsBoundAllTheSame) {
@@ -754,6 +793,29 @@ TEST_F(SharedEvent, WaitSurvivesSignals) {
     EXPECT_TRUE(event.Wait(kExact));
 }
 
+TEST_F(SharedEvent, WaitWhoseSelectFailsGoesOnAfterAPauseEachTime) {
+    constexpr int kAttempts = 5;
+    Event event("e");
+    Ready(event);
+    const TraceRecorder recorder;
+    fake::Always selects(fake::select, fake::Fail(EBADF), fake::kThisThread);
+    int pauses = 0;
+    const fake::Replace pause(
+        fake::nanosleep,
+        [&](const timespec* time, timespec*) {
+            EXPECT_EQ(0, time->tv_sec);
+            EXPECT_EQ(10000000, time->tv_nsec);
+            if (++pauses == kAttempts) event.Close();
+            return 0;
+        },
+        fake::kThisThread);
+    EXPECT_FALSE(event.Wait(kExact));
+    EXPECT_TRUE(Recorded(event, ETIMEDOUT, kRecvFrom));
+    EXPECT_EQ(kAttempts, pauses);
+    EXPECT_EQ(size_t{kAttempts}, selects.Calls());
+    EXPECT_EQ(size_t{kAttempts}, recorder.Count("udp wait fd=%d code=%d stop=%d"));
+}
+
 TEST_F(SharedEvent, WaitIgnoresAnErrorFromBefore) {
     Event event("e");
     Ready(event);
@@ -985,6 +1047,31 @@ TEST_F(SharedEvent, FlushStopsAtADatagramThatCountsAsNone) {
     }
 }
 
+TEST_F(SharedEvent, FlushEndsWhenWhatWaitsCannotBeTaken) {
+    Event event("e");
+    Ready(event);
+    // More often than once only where it does not end.
+    const auto something_waits = [](int, unsigned long, void* answer) {
+        std::memcpy(answer, &kDatagram, sizeof(int));
+        return 0;
+    };
+    const auto nothing = [](int, unsigned long, void* answer) {
+        std::memset(answer, 0, sizeof(int));
+        return 0;
+    };
+    int asked = 0;
+    fake::Replace asks(fake::ioctl, [&](int fd, unsigned long request, void* answer) {
+        return ++asked > 3 ? nothing(fd, request, answer) : something_waits(fd, request, answer);
+    });
+    asks.When(AsksForBytes);
+    const fake::Counter receives(fake::recvfrom);
+    EXPECT_TRUE(event.Flush());
+    EXPECT_EQ(1, asked);
+    EXPECT_EQ(0u, receives.Calls());
+    EXPECT_TRUE(event.Post());
+    EXPECT_EQ(KovaBaseObject::KOVA_ERR_NONE, event.GetError());
+}
+
 TEST_F(SharedEvent, FlushTellsWhetherTheSocketBlocksAgain) {
     Event event("e");
     Ready(event);
@@ -1104,6 +1191,30 @@ TEST_F(SharedEvent, ReopenedEventSurvivesSignals) {
     EXPECT_TRUE(event.TimedWait(60000, kExact));
 }
 
+TEST_F(SharedEvent, CloseBetweenOpeningAndReceivingEndsAWait) {
+    Event event("e");
+    Ready(event);
+    fake::Script options(fake::setsockopt, {[&](int, int, int, const void*, socklen_t) {
+                             event.Close();
+                             return 0;
+                         }});
+    options.When([](int, int, int option, const void*, socklen_t) { return option == SO_RCVTIMEO; });
+    const fake::Counter selects(fake::select);
+    EXPECT_FALSE(event.Wait(kExact));
+    EXPECT_EQ(0u, selects.Calls());
+}
+
+TEST_F(SharedEvent, SignalAfterACloseEndsAWait) {
+    Event event("e");
+    Ready(event);
+    const fake::Script selects(fake::select, {[&](int, fd_set*, fd_set*, fd_set*, timeval*) {
+                                   event.Close();
+                                   errno = EINTR;
+                                   return -1;
+                               }});
+    EXPECT_FALSE(event.Wait(kExact));
+}
+
 TEST_F(SharedEvent, DestructorClosesAndSendsNothing) {
     Listener listener;
     int fd = -1;
@@ -1123,6 +1234,80 @@ TEST_F(SharedEvent, DestructorOfAClosedEventCallsNothing) {
     const fake::Journal journal;
     event.reset();
     EXPECT_EQ(Texts{}, journal.Texts());
+}
+
+// Serving
+
+/// Serves events on a thread of its own; the hook is called with each.
+class ServedEvent : public Event {
+  public:
+    explicit ServedEvent(std::function<void(ServedEvent&)> hook) : Event("served"), m_Hook(std::move(hook)) {}
+
+    void CallBack(KovaUDPSocket*) override {
+        char name[kDatagram];
+        EXPECT_TRUE(RecvFrom(name, sizeof name));
+        EXPECT_EQ(DatagramOf("served"), std::string(name, sizeof name));
+        ++m_Served;
+        m_Hook(*this);
+    }
+    int Served() const { return m_Served; }
+
+  private:
+    const std::function<void(ServedEvent&)> m_Hook;
+    std::atomic<int> m_Served{0};
+};
+
+TEST_F(SharedEvent, ServerOnAnOpenEventServesUntilShutdown) {
+    ServedEvent event([](ServedEvent&) {});
+    Ready(event);
+    std::atomic<bool> result{false};
+    DeadlineThread thread([&] { result = event.Server(); });
+    ASSERT_TRUE(WaitUntil([&] { return event.GetMode() == KOVA_SOCKET_SERVING || thread.HasEnded(); }));
+    for (int i = 1; i <= 3; ++i) {
+        m_Wire.Broadcast(DatagramOf("served"));
+        ASSERT_TRUE(WaitUntil([&] { return event.Served() == i || thread.HasEnded(); }));
+    }
+    EXPECT_FALSE(thread.HasEnded());
+    event.Shutdown();
+    thread.Join();
+    EXPECT_TRUE(result);
+    EXPECT_EQ(3, event.Served());
+    EXPECT_EQ(-1, event.GetSocket());
+}
+
+TEST_F(SharedEvent, PostInAHookDoesNotKeepAStoppedServerGoing) {
+    ServedEvent event([](ServedEvent& self) {
+        self.Shutdown();
+        EXPECT_TRUE(self.Post());
+    });
+    std::atomic<bool> result{false};
+    DeadlineThread thread([&] { result = event.Server(); });
+    ASSERT_TRUE(WaitUntil([&] { return event.GetMode() == KOVA_SOCKET_SERVING || thread.HasEnded(); }));
+    m_Wire.Broadcast(DatagramOf("served"));
+    thread.Join();
+    EXPECT_TRUE(result);
+    EXPECT_EQ(1, event.Served());
+    EXPECT_EQ(-1, event.GetSocket()) << "also what the post has opened";
+}
+
+TEST_F(SharedEvent, CloseInAHookDoesNotEndTheServer) {
+    ServedEvent event([](ServedEvent& self) {
+        self.Close();
+        if (self.Served() < 3) {
+            EXPECT_TRUE(self.Open());
+            EXPECT_TRUE(self.Bind());
+        } else {
+            self.SetMode(KOVA_SOCKET_SERVING);
+            self.Shutdown();
+        }
+    });
+    DeadlineThread thread([&] { EXPECT_TRUE(event.Server()); });
+    // What meets the closed socket is lost.
+    EXPECT_TRUE(WaitUntil([&] {
+        m_Wire.Broadcast(DatagramOf("served"));
+        return thread.HasEnded();
+    }));
+    EXPECT_EQ(3, event.Served());
 }
 
 // Closing by another thread

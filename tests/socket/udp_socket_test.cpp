@@ -705,6 +705,31 @@ TEST_F(UdpSocket, InterruptedWaitEndsWhenTheStopFlagIsSet) {
     EXPECT_TRUE(recorder.Has("udp wait fd=%d code=%d stop=%d", {fd, EINTR, 1}));
 }
 
+TEST_F(UdpSocket, InterruptedWaitEndsWhenTheSocketWasClosed) {
+    auto socket = Bound();
+    const int fd = socket->GetSocket();
+    const auto close = [&](int, fd_set*, fd_set*, fd_set*, timeval*) {
+        socket->Close();
+        errno = EINTR;
+        return -1;
+    };
+    const TraceRecorder recorder;
+    const fake::Script selects(fake::select, {close});
+    const fake::Counter yields(fake::sched_yield);
+    EXPECT_FALSE(socket->WaitForData(KOVA_WAIT_READ)) << "the number may be somebody else's by now";
+    EXPECT_EQ(0u, yields.Calls());
+    EXPECT_TRUE(recorder.Has("udp wait fd=%d code=%d stop=%d", {fd, EINTR, 0}));
+}
+
+TEST_F(UdpSocket, WaitOnAClosedSocketLastsItsTime) {
+    Udp socket;
+    socket.SetTimeout(kShortTimeout);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(socket.WaitForData(KOVA_WAIT_READ));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(kShortTimeout));
+    EXPECT_TRUE(Recorded(socket, ETIMEDOUT, kWaitForData));
+}
+
 TEST_F(UdpSocket, WaitThatFailsOtherwiseIsTracedAndFalse) {
     auto socket = Bound();
     const int fd = socket->GetSocket();
@@ -937,6 +962,35 @@ TEST_F(UdpSocket, ReceiveThatTimesOutIsRecordedAndTracedByIt) {
         EXPECT_TRUE(recorder.Has("udp receive fd=%d ms=%d", {socket->GetSocket(), kShortTimeout}));
         EXPECT_EQ(1u, recorder.All().size());
     }
+}
+
+TEST_F(UdpSocket, ReceiveWhoseWaitFailsPausesBeforeItIsOver) {
+    auto socket = Bound();
+    char byte;
+    for (const int error : {EBADF, EINVAL, ENOMEM}) {
+        const fake::Script selects(fake::select, {fake::Fail(error)});
+        const fake::Journal journal{&fake::nanosleep};
+        EXPECT_FALSE(socket->RecvFrom(&byte, 1));
+        EXPECT_TRUE(Recorded(*socket, ETIMEDOUT, kRecvFrom));
+        EXPECT_EQ(Texts{"nanosleep {0, 10000000}"}, journal.Texts());
+    }
+    const fake::Script selects(fake::select, {fake::Return(0)});
+    const fake::Journal journal{&fake::nanosleep};
+    EXPECT_FALSE(socket->RecvFrom(&byte, 1));
+    EXPECT_EQ(Texts{}, journal.Texts()) << "a time-out is no trouble";
+}
+
+TEST_F(UdpSocket, ReceiveWithoutADescriptorEndsAtOnce) {
+    char byte;
+    Udp socket;
+    ASSERT_TRUE(socket.SetSocket(-1));
+    socket.SetTimeout(kLongTimeout);
+    const fake::Counter selects(fake::select);
+    EXPECT_FALSE(socket.RecvFrom(&byte, 1));
+    EXPECT_TRUE(Recorded(socket, ETIMEDOUT, kRecvFrom));
+    EXPECT_FALSE(socket.PeekFrom(&byte, 1));
+    EXPECT_TRUE(Recorded(socket, ETIMEDOUT, kPeekFrom));
+    EXPECT_EQ(0u, selects.Calls());
 }
 
 TEST_F(UdpSocket, ReceiveRecordsTheErrnoOfRecvfromAndNothingReceived) {
