@@ -17,6 +17,10 @@
 #include <string>
 #include <type_traits>
 
+namespace kova {
+struct AddressAccess;
+}
+
 class KOVA_API KovaInetAddr {
   public:
     /// Scope of an address without scope.
@@ -99,6 +103,7 @@ class KOVA_API KovaInetAddr {
     bool operator>=(int ip) const { return *this >= static_cast<unsigned int>(ip); }
 
   private:
+    friend struct kova::AddressAccess;
     enum { kTextSize = INET6_ADDRSTRLEN, kPortTextSize = 8 };
 
     size_t PrintIp() const;

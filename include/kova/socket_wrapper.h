@@ -127,9 +127,15 @@ class KOVA_API KovaSocketWrapper : public virtual KovaBaseObject {
     /// at once.
     void PauseAfterFailedWait() const;
 
+    /// Takes over a descriptor, mode 3, unless there is one; failures are those of `function`.
+    bool TakeOver(KovaSocketT fd, const char* function);
+    /// Applies the options asked for, then both time-outs. False, without what follows, if one is refused.
+    bool ApplyOptions();
+    /// Waits up to the time-out; failures are those of `function`. A signal ends the wait.
+    bool AwaitReady(KovaWaitModeT mode, const char* function);
     /// Closes the descriptor, if there is one, and sets mode 0. Unsent data get `linger_seconds`; 0 drops
-    /// them and resets a connection.
-    void CloseDescriptor(int linger_seconds);
+    /// them and resets a connection. False if the kernel reports an error of the close.
+    bool CloseDescriptor(int linger_seconds);
     /// setsockopt at socket level, leaving errno to the caller.
     bool SetOption(int option, const void* value, size_t size);
     bool SetFlag(int option, int value);

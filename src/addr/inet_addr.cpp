@@ -1,3 +1,5 @@
+#include "addr/address_access.h"
+
 #include <kova/inet_addr.h>
 
 #include <arpa/inet.h>
@@ -31,6 +33,13 @@ bool PrintsAsIpv4(const in6_addr& ip, uint32_t low) {
     if (!IsZero(ip.s6_addr, 10)) return false;
     if (ip.s6_addr[10] == 0 && ip.s6_addr[11] == 0) return low > 1;
     return ip.s6_addr[10] == 0xFF && ip.s6_addr[11] == 0xFF;
+}
+
+/// The only family that a text can belong to: of the two separators IPv4 text has dots only, and IPv6 text a
+/// colon first.
+int FamilyOf(const char* text) {
+    while (*text != '\0' && *text != '.' && *text != ':') ++text;
+    return *text == ':' ? AF_INET6 : AF_INET;
 }
 
 /// Writes `value` in decimal, unterminated; returns the end.
@@ -92,10 +101,13 @@ KovaInetAddr& KovaInetAddr::operator=(const char* text) {
     // Parsed before anything changes: the text may be this object's own.
     in_addr ip4{};
     in6_addr ip6{};
-    if (text != nullptr && ::inet_pton(AF_INET, text, &ip4) == 1) {
-        // Deliberate: port and scope go with the temporary's.
-        *this = KovaInetAddr(ip4.s_addr, 0);
-    } else if (text != nullptr && ::inet_pton(AF_INET6, text, &ip6) == 1) {
+    const int family = text == nullptr ? AF_UNSPEC : FamilyOf(text);
+    if (family == AF_INET && ::inet_pton(family, text, &ip4) == 1) {
+        SetIp(ip4.s_addr);
+        // Deliberate: the text of an IPv4 address ends what was known of port and scope.
+        SetPort(0);
+        SetScope(kNoScope);
+    } else if (family == AF_INET6 && ::inet_pton(family, text, &ip6) == 1) {
         SetIp(ip6);
     } else {
         SetIp(0U);
@@ -105,17 +117,14 @@ KovaInetAddr& KovaInetAddr::operator=(const char* text) {
 
 KovaInetAddr& KovaInetAddr::operator=(const std::string& text) { return *this = text.c_str(); }
 
-void KovaInetAddr::SetIp(unsigned int ip) { SetIp(MapIpv4(ip)); }
+void KovaInetAddr::SetIp(unsigned int ip) { kova::AddressAccess::StoreIp(*this, ip); }
 
 void KovaInetAddr::SetIp(const in6_addr& ip) {
     m_Ip = ip;
     m_Text[0] = '\0';
 }
 
-void KovaInetAddr::SetPort(unsigned short port) {
-    m_Port = port;
-    m_PortText[0] = '\0';
-}
+void KovaInetAddr::SetPort(unsigned short port) { kova::AddressAccess::StorePort(*this, port); }
 
 void KovaInetAddr::SetScope(const char* ifname) {
     m_Scope = ifname == nullptr ? 0 : static_cast<int32_t>(::if_nametoindex(ifname));

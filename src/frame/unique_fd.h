@@ -6,15 +6,17 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace kova {
 
 /// Closes `fd` once, whatever comes of it: Linux frees the descriptor even when `close` fails with EINTR, and
-/// a second call could close one that another thread has just been given. Keeps `errno`.
-inline void CloseOnce(int fd) {
+/// a second call could close one that another thread has just been given. Keeps `errno`; returns that of the
+/// call, 0 if it succeeded.
+inline int CloseOnce(int fd) {
     const ErrnoGuard keep;
-    ::close(fd);
+    return ::close(fd) == 0 ? 0 : errno;
 }
 
 class UniqueFd {

@@ -249,15 +249,59 @@ void KovaSocketWrapper::PauseAfterFailedWait() const {
     if (GetError() != ETIMEDOUT && GetError() != EINTR) KovaMilliSleep(kTroublePauseMs);
 }
 
-void KovaSocketWrapper::CloseDescriptor(int linger_seconds) {
+bool KovaSocketWrapper::TakeOver(KovaSocketT fd, const char* function) {
+    ClearError();
+    if (IsOpen()) return KOVA_FAIL_IN(function, KOVA_ERR_ALREADY_OPEN, "open already fd=%d", m_Socket.load());
+    m_Socket = fd;
+    m_Mode = KOVA_SOCKET_CONNECTED;
+    return true;
+}
+
+bool KovaSocketWrapper::ApplyOptions() {
+    if (!SetBlocking(m_Blocking) || !SetRouting(m_Routing) || !SetBroadcast(m_Broadcast) ||
+        !BindToDevice(nullptr))
+        return false;
+    SetSendTimeout(m_Timeout);
+    SetRecvTimeout(m_Timeout);
+    return true;
+}
+
+bool KovaSocketWrapper::AwaitReady(KovaWaitModeT mode, const char* function) {
+    const KovaSocketT fd = m_Socket;
+    for (;;) {
+        FdSetT read{}, write{}, except{};
+        if (mode & KOVA_WAIT_READ) FdSet(fd, &read);
+        if (mode & KOVA_WAIT_WRITE) FdSet(fd, &write);
+        FdSet(fd, &except);
+        const int32_t ready = Select(fd + 1, &read, &write, &except, m_Timeout);
+        if (ready > 0) {
+            if (FdIsSet(fd, &except)) KOVA_TRACE("exceptional condition fd=%d", fd);
+            return FdIsSet(fd, &read) || FdIsSet(fd, &write);
+        }
+        if (ready == 0) {
+            _SetError_(function, __LINE__, ETIMEDOUT);
+            return false;
+        }
+        if (GetError() != EINPROGRESS && GetError() != EAGAIN)
+            return KOVA_FAIL_IN(function, errno, "wait fd=%d errno=%d", fd, errno);
+        KovaMilliSleep(kTroublePauseMs);
+    }
+}
+
+bool KovaSocketWrapper::CloseDescriptor(int linger_seconds) {
     // Taken at once: another thread that closes the same object finds nothing left to close.
     const KovaSocketT fd = m_Socket.exchange(-1);
     m_Mode = KOVA_SOCKET_CLOSED;
-    if (fd < 0) return;
+    if (fd < 0) return true;
+    // Closing is often what follows a failure that the caller still asks about.
+    const kova::ErrnoGuard keep;
     const linger wanted{1, linger_seconds};
     if (::setsockopt(fd, SOL_SOCKET, SO_LINGER, &wanted, sizeof wanted) < 0) {
         KOVA_TRACE("linger fd=%d errno=%d", fd, errno);
     }
     ::shutdown(fd, SHUT_RDWR);
-    kova::CloseOnce(fd);
+    const int error = kova::CloseOnce(fd);
+    if (error == 0) return true;
+    KOVA_TRACE("close fd=%d errno=%d", fd, error);
+    return false;
 }

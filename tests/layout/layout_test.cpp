@@ -24,15 +24,19 @@
 #include <kova/file_notify.h>
 #include <kova/filename.h>
 #include <kova/flat_msg.h>
+#include <kova/icmp_socket.h>
 #include <kova/id.h>
 #include <kova/inet_addr.h>
 #include <kova/local_mutex.h>
 #include <kova/local_rwlock.h>
 #include <kova/local_semaphore.h>
+#include <kova/mac_addr.h>
 #include <kova/message_queue.h>
 #include <kova/msg_pattern.h>
 #include <kova/net32.h>
+#include <kova/net_interfaces.h>
 #include <kova/process.h>
+#include <kova/raw_socket.h>
 #include <kova/request.h>
 #include <kova/shared_event.h>
 #include <kova/shared_mutex.h>
@@ -172,6 +176,28 @@ TEST(Layout, UdpSocket) {
     ExpectSize(220, sizeof socket);
 }
 
+TEST(Layout, IcmpSocket) {
+    const KovaIcmpSocket socket;
+    ExpectPlaces({PLACE(socket, m_Device, 24), PLACE(socket, m_Received, 40), PLACE(socket, m_RoundTrip, 44),
+                  PLACE(socket, m_LastPeer, 52), PLACE(socket, m_LastLocal, 132),
+                  PLACE(socket, KovaBaseObject::m_ErrorCode, 216)});
+    ExpectSize(228, sizeof socket);
+}
+
+TEST(Layout, RawSocket) {
+    const KovaRawSocket socket;
+    ExpectPlaces({PLACE(socket, m_Device, 24), PLACE(socket, m_Received, 40), PLACE(socket, m_LastPeer, 44),
+                  PLACE(socket, m_LastLocal, 124), PLACE(socket, m_LastPeerMac, 204),
+                  PLACE(socket, m_LastLocalMac, 229), PLACE(socket, m_LastVlanId, 254),
+                  PLACE(socket, m_LastVlanPriority, 256), PLACE(socket, m_LastWasVlan, 258),
+                  PLACE(socket, m_LastProtocol, 259), PLACE(socket, m_FrameOffset, 260),
+                  PLACE(socket, m_EthernetOffset, 264), PLACE(socket, m_IpOffset, 268),
+                  PLACE(socket, m_ProtocolOffset, 272), PLACE(socket, m_DataOffset, 276),
+                  PLACE(socket, m_DataLength, 280), PLACE(socket, m_RoundTrip, 284),
+                  PLACE(socket, m_Sender, 292), PLACE(socket, KovaBaseObject::m_ErrorCode, 524)});
+    ExpectSize(536, sizeof socket);
+}
+
 TEST(Layout, FlatMessage) {
     const KovaFlatMsg message;
     ExpectPlaces({PLACE(message, m_ErrorCode, 4), PLACE(message, m_Complete, 16), PLACE(message, m_Addr, 20),
@@ -193,6 +219,13 @@ TEST(Layout, Numbers) {
                   sizeof(KovaCCId) == 4 && sizeof(KovaIfId) == 4 && sizeof(KovaNetId) == 4 &&
                   sizeof(KovaSegId) == 4 && sizeof(KovaPortId) == 4 && sizeof(KovaJackId) == 4 &&
                   sizeof(KovaPowerPortId) == 4 && sizeof(KovaPihId) == 4 && sizeof(KovaRoleId) == 4);
+}
+
+TEST(Layout, MacAddress) {
+    const KovaMacAddr address;
+    ExpectPlaces({PLACE(address, m_Bytes, 0), PLACE(address, m_Valid, 6), PLACE(address, m_Text, 7)});
+    static_assert(sizeof address.m_Bytes == 6 && sizeof address.m_Valid == 1 && sizeof address.m_Text == 18);
+    static_assert(sizeof address == 25 && alignof(KovaMacAddr) == 1);
 }
 
 TEST(Layout, TimeValues) {
@@ -286,6 +319,26 @@ TEST(Layout, Request) {
     const KovaRequest request;
     ExpectPlaces({PLACE(request, m_Msg, 4), PLACE(request, m_Socket, 8), PLACE(request, m_ErrorCode, 16)});
     ExpectSize(28, sizeof request);
+}
+
+// --- Network interfaces ---
+
+TEST(Layout, NetInterface) {
+    const KovaNetInterfaces table;
+    const KovaNetInterfaces::KovaNetInterface& record = table.m_Interfaces[0];
+    ExpectPlaces({PLACE(record, m_Owner, 0), PLACE(record, m_Id, 4), PLACE(record, m_Address, 8),
+                  PLACE(record, m_NetMask, 88), PLACE(record, m_SubNet, 168), PLACE(record, m_Broadcast, 248),
+                  PLACE(record, m_Type, 328), PLACE(record, m_Status, 332), PLACE(record, m_Alias, 336),
+                  PLACE(record, m_Mac, 340), PLACE(record, m_Name, 365), PLACE(record, m_BaseName, 381)});
+    static_assert(sizeof record.m_Name == 16 && sizeof record.m_BaseName == 16);
+    ExpectSize(400, sizeof record);
+}
+
+TEST(Layout, NetInterfaces) {
+    const KovaNetInterfaces table;
+    ExpectPlaces({PLACE(table, m_Interfaces, 4), PLACE(table, m_Count, 6804), PLACE(table, m_Error, 6808)});
+    static_assert(sizeof table.m_Interfaces == 17 * sizeof table.m_Interfaces[0]);
+    ExpectSize(6812, sizeof table);
 }
 
 // --- Files, and objects that processes share ---
@@ -395,6 +448,9 @@ TEST(VirtualTable, BeginsWithTheDestructorPair) {
     ExpectDestructorPair<KovaSocketWrapper>();
     ExpectDestructorPair<KovaTCPSocket>();
     ExpectDestructorPair<KovaUDPSocket>();
+    ExpectDestructorPair<KovaIcmpSocket>();
+    ExpectDestructorPair<KovaRawSocket>();
+    ExpectDestructorPair<KovaNetInterfaces>();
     ExpectDestructorPair<KovaFlatMsg>();
     ExpectDestructorPair<KovaLocalMutex>();
     ExpectDestructorPair<KovaLocalSemaphore>();
@@ -435,6 +491,12 @@ TEST(VirtualTable, HoldsTheDestructorOnlyWhereNothingIsToBeOverridden) {
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaBaseObject>::Own));
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaInetAddr>::Own));
     EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaFlatMsg>::Own));
+    EXPECT_EQ(kFirstSlot, SlotOf(&Next<KovaNetInterfaces>::Own));
+}
+
+TEST(VirtualTable, ValuesHaveNone) {
+    static_assert(!std::is_polymorphic_v<KovaMacAddr>);
+    static_assert(!std::is_polymorphic_v<KovaNetInterfaces::KovaNetInterface>);
 }
 
 template <typename Class>
@@ -489,6 +551,16 @@ TEST(VirtualTable, UdpSocket) {
 TEST(VirtualTable, SharedEventIsAnUdpSocket) {
     EXPECT_EQ(11u, SlotOf<void (KovaSharedEvent::*)()>(&KovaSharedEvent::Close));
     EXPECT_EQ(22u, SlotOf(&Next<KovaSharedEvent>::Own));
+}
+
+TEST(VirtualTable, IcmpSocket) {
+    ExpectWrapperSlots<KovaIcmpSocket>();
+    EXPECT_EQ(7u, SlotOf(&Next<KovaIcmpSocket>::Own));
+}
+
+TEST(VirtualTable, RawSocket) {
+    ExpectWrapperSlots<KovaRawSocket>();
+    EXPECT_EQ(7u, SlotOf(&Next<KovaRawSocket>::Own));
 }
 
 TEST(VirtualTable, Time) {

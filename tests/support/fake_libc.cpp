@@ -52,6 +52,7 @@ constinit Hook<int(int, int)> listen{"listen"};
 constinit Hook<int(int, const sockaddr*, socklen_t)> connect{"connect"};
 constinit Hook<ssize_t(int, const void*, size_t, int)> send{"send"};
 constinit Hook<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)> sendto{"sendto"};
+constinit Hook<ssize_t(int, const msghdr*, int)> sendmsg{"sendmsg"};
 constinit Hook<ssize_t(int, void*, size_t, int)> recv{"recv"};
 constinit Hook<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)> recvfrom{"recvfrom"};
 constinit Hook<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select{"select"};
@@ -219,6 +220,19 @@ constexpr Name kSocketOptions[] = {
     {SO_RCVTIMEO, "SO_RCVTIMEO"},   {SO_SNDTIMEO, "SO_SNDTIMEO"},   {SO_BINDTODEVICE, "SO_BINDTODEVICE"},
 };
 constexpr Name kTcpOptions[] = {{TCP_NODELAY, "TCP_NODELAY"}, {TCP_INFO, "TCP_INFO"}};
+// Of <linux/icmp.h>, which does not go together with <net/if.h>.
+constexpr Name kRawOptions[] = {{1, "ICMP_FILTER"}};
+constexpr Name kInterfaceRequests[] = {
+    {SIOCGIFCONF, "SIOCGIFCONF"},       {SIOCGIFFLAGS, "SIOCGIFFLAGS"},
+    {SIOCSIFFLAGS, "SIOCSIFFLAGS"},     {SIOCGIFADDR, "SIOCGIFADDR"},
+    {SIOCSIFADDR, "SIOCSIFADDR"},       {SIOCGIFNETMASK, "SIOCGIFNETMASK"},
+    {SIOCSIFNETMASK, "SIOCSIFNETMASK"}, {SIOCGIFBRDADDR, "SIOCGIFBRDADDR"},
+    {SIOCSIFBRDADDR, "SIOCSIFBRDADDR"}, {SIOCGIFHWADDR, "SIOCGIFHWADDR"},
+    {SIOCSIFHWADDR, "SIOCSIFHWADDR"},
+};
+constexpr Name kInterfaceFlags[] = {
+    {IFF_UP, "IFF_UP"},           {IFF_BROADCAST, "IFF_BROADCAST"}, {IFF_LOOPBACK, "IFF_LOOPBACK"},
+    {IFF_RUNNING, "IFF_RUNNING"}, {IFF_PROMISC, "IFF_PROMISC"},     {IFF_MULTICAST, "IFF_MULTICAST"}};
 constexpr Name kMessageFlags[] = {{MSG_NOSIGNAL, "MSG_NOSIGNAL"}, {MSG_PEEK, "MSG_PEEK"},
                                   {MSG_OOB, "MSG_OOB"},           {MSG_DONTWAIT, "MSG_DONTWAIT"},
                                   {MSG_WAITALL, "MSG_WAITALL"},   {MSG_TRUNC, "MSG_TRUNC"}};
@@ -352,6 +366,7 @@ std::string Set(const fd_set* set, int n) {
 std::string LevelAndOption(int level, int option) {
     if (level == SOL_SOCKET) return Words("SOL_SOCKET", NameOf(option, kSocketOptions));
     if (level == IPPROTO_TCP) return Words("IPPROTO_TCP", NameOf(option, kTcpOptions));
+    if (level == SOL_RAW) return Words("SOL_RAW", NameOf(option, kRawOptions));
     return Words(level, option);
 }
 
@@ -379,13 +394,59 @@ std::string OptionValue(int level, int option, const void* value, socklen_t size
     return Hex(value, size);
 }
 
+/// Of a request about interfaces: the room for a list, or the interface's name and what is set; where an
+/// address is asked for or set, that address.
+std::string InterfaceText(int request, const void* argument) {
+    if (request == SIOCGIFCONF) {
+        ifconf list;
+        std::memcpy(&list, argument, sizeof list);
+        return std::to_string(list.ifc_len);
+    }
+    ifreq asked;
+    std::memcpy(&asked, argument, sizeof asked);
+    const std::string name(asked.ifr_name, ::strnlen(asked.ifr_name, IFNAMSIZ));
+    switch (request) {
+        case SIOCGIFFLAGS:
+        case SIOCGIFHWADDR:
+            return name;
+        case SIOCSIFFLAGS:
+            return Words(name, Flags(static_cast<unsigned short>(asked.ifr_flags), kInterfaceFlags));
+        case SIOCSIFHWADDR:
+            return Words(name, asked.ifr_hwaddr.sa_family, Hex(asked.ifr_hwaddr.sa_data, 6));
+        default:
+            return Words(name, Address(&asked.ifr_addr, sizeof(sockaddr_in)));
+    }
+}
+
 std::string IoctlText(unsigned long request, const void* argument) {
     if (request == FIONBIO && argument != nullptr) {
         int value;
         std::memcpy(&value, argument, sizeof value);
         return Words("FIONBIO", value);
     }
+    for (const Name& name : kInterfaceRequests) {
+        if (argument == nullptr || static_cast<int>(request) != name.value) continue;
+        return Words(name.text, InterfaceText(name.value, argument));
+    }
     return Hex(&request, sizeof request);
+}
+
+/// Where a message goes: its address, and the interface asked for beside it.
+std::string Destination(const msghdr& message) {
+    const std::string address = Address(static_cast<const sockaddr*>(message.msg_name), message.msg_namelen);
+    const cmsghdr* const control = CMSG_FIRSTHDR(&message);
+    if (control == nullptr || control->cmsg_level != IPPROTO_IP || control->cmsg_type != IP_PKTINFO)
+        return address;
+    in_pktinfo wanted;
+    std::memcpy(&wanted, CMSG_DATA(control), sizeof wanted);
+    return Words(address, "interface", wanted.ipi_ifindex);
+}
+
+std::string DataOf(const msghdr& message) {
+    std::string data;
+    for (size_t i = 0; i < message.msg_iovlen; ++i)
+        data.append(static_cast<const char*>(message.msg_iov[i].iov_base), message.msg_iov[i].iov_len);
+    return data;
 }
 
 std::string LimitText(const rlimit* limit) {
@@ -540,12 +601,13 @@ Notes& TheNotes() {
 
 const std::vector<const AnyHook*>& DefaultHooks() {
     static const std::vector<const AnyHook*> hooks{
-        &socket,     &accept,      &bind,        &listen,   &connect,   &send,        &sendto,
-        &recv,       &recvfrom,    &select,      &ioctl,    &fcntl,     &close,       &setsockopt,
-        &getsockopt, &getsockname, &getpeername, &shutdown, &nanosleep, &sched_yield, &setrlimit,
-        &abort,      &fopen,       &fclose,      &open,     &access,    &mkdir,       &umask,
-        &unlink,     &file_status, &getcwd,      &ftok,     &semget,    &semop,       &semtimedop,
-        &semctl,     &msgget,      &msgsnd,      &msgrcv,   &msgctl,    &sigaction,   &sigprocmask};
+        &socket,     &accept,     &bind,        &listen,      &connect,  &send,      &sendto,
+        &sendmsg,    &recv,       &recvfrom,    &select,      &ioctl,    &fcntl,     &close,
+        &setsockopt, &getsockopt, &getsockname, &getpeername, &shutdown, &nanosleep, &sched_yield,
+        &setrlimit,  &abort,      &fopen,       &fclose,      &open,     &access,    &mkdir,
+        &umask,      &unlink,     &file_status, &getcwd,      &ftok,     &semget,    &semop,
+        &semtimedop, &semctl,     &msgget,      &msgsnd,      &msgrcv,   &msgctl,    &sigaction,
+        &sigprocmask};
     return hooks;
 }
 
@@ -772,6 +834,15 @@ FAKE_UNINSTRUMENTED ssize_t sendto(int fd, const void* data, size_t size, int fl
         return Sending(fd, data, size, Words(size, Flags(flags, kMessageFlags), Address(address, length)));
     };
     return Call(fake::sendto, text, fd, data, size, flags, address, length);
+}
+
+FAKE_UNINSTRUMENTED ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    const auto text = [&] {
+        const std::string data = DataOf(*message);
+        return Sending(fd, data.data(), data.size(),
+                       Words(data.size(), Flags(flags, kMessageFlags), Destination(*message)));
+    };
+    return Call(fake::sendmsg, text, fd, message, flags);
 }
 
 FAKE_UNINSTRUMENTED ssize_t recv(int fd, void* data, size_t size, int flags) {

@@ -307,6 +307,7 @@ extern Hook<int(int, int)> listen;
 extern Hook<int(int, const sockaddr*, socklen_t)> connect;
 extern Hook<ssize_t(int, const void*, size_t, int)> send;
 extern Hook<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)> sendto;
+extern Hook<ssize_t(int, const msghdr*, int)> sendmsg;
 extern Hook<ssize_t(int, void*, size_t, int)> recv;
 extern Hook<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)> recvfrom;
 extern Hook<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
@@ -456,6 +457,8 @@ class Counter : public detail::ArmedFor<Signature>::Type {
 
 /// One call. `text` is "function arguments" without the descriptor, with constants by their names:
 /// "setsockopt SOL_SOCKET SO_RCVTIMEO {2, 500000}", "bind [::]:20003", "send 24 MSG_NOSIGNAL", "close",
+/// "sendmsg 52 MSG_NOSIGNAL 10.0.0.1:0 interface 3", "ioctl SIOCGIFHWADDR eth0",
+/// "ioctl SIOCSIFADDR eth0 10.0.0.1:0", "ioctl SIOCSIFFLAGS eth0 IFF_UP|IFF_BROADCAST",
 /// "open /tmp/a O_RDWR|O_CREAT 0666", "fcntl F_SETLKW F_WRLCK SEEK_SET {0, 0}", "semop 5 [0 0, 1 +1
 /// SEM_UNDO]", "semctl 5 0 SETVAL 1", "msgsnd 5 [type 1] 24 IPC_NOWAIT", "sigaction SIGIO handler
 /// SA_RESTART".

@@ -348,6 +348,44 @@ TEST_F(FakeFiles, LocksOfOtherProcessesAreReal) {
     EXPECT_EQ(0, ::fcntl(fd, F_SETLK, &lock));
 }
 
+TEST_F(FakeLibc, MessagesAreNotedWithTheirDataAndDestination) {
+    auto [one, other] = SocketPair(SOCK_DGRAM);
+    char first[] = "da";
+    char second[] = "ta";
+    iovec parts[] = {{first, 2}, {second, 2}};
+    msghdr message{};
+    message.msg_iov = parts;
+    message.msg_iovlen = 2;
+    fake::Journal journal;
+    EXPECT_EQ(4, ::sendmsg(one, &message, MSG_NOSIGNAL));
+    char received[8];
+    EXPECT_EQ(4, fake::recv.Real(other, received, sizeof received, 0));
+    EXPECT_EQ("data", std::string(received, 4));
+
+    fake::Script sends(fake::sendmsg, {fake::Fail(ENOBUFS)});
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(9);
+    to.sin_addr.s_addr = htonl(0x0A000001);
+    alignas(cmsghdr) unsigned char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+    message.msg_name = &to;
+    message.msg_namelen = sizeof to;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = IPPROTO_IP;
+    header->cmsg_type = IP_PKTINFO;
+    header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+    in_pktinfo info{};
+    info.ipi_ifindex = 77;
+    std::memcpy(CMSG_DATA(header), &info, sizeof info);
+    EXPECT_EQ(-1, ::sendmsg(one, &message, 0));
+    EXPECT_EQ(ENOBUFS, errno);
+    EXPECT_EQ((Texts{"sendmsg 4 MSG_NOSIGNAL null", "sendmsg 4 0 10.0.0.1:9 interface 77"}),
+              journal.Texts(one));
+    EXPECT_EQ("data", journal.Entries().at(1).data);
+}
+
 class FakeSharing : public KovaTest {};
 
 TEST_F(FakeSharing, SemaphoresAreRealAndNotedByTheirNames) {

@@ -40,18 +40,19 @@ struct SecondHost::Worker {
     DeadlineThread thread;
 };
 
-SecondHost::SecondHost() : m_Worker(std::make_unique<Worker>()) {
+SecondHost::SecondHost(const std::string& cable) : m_Here(cable + "0"), m_Worker(std::make_unique<Worker>()) {
     Do([] {});
+    const std::string there = cable + "1";
     // The board's `ip` cannot name the peer; the kernel takes the first free name.
-    Shell("ip link add kl0 type veth && ip link set veth0 name kl1");
-    Shell("ip link set kl1 netns " + std::to_string(m_Worker->tid));
-    Shell("ip link set kl0 up");
-    Do([] { Shell("ip link set lo up && ip link set kl1 up"); });
+    Shell("ip link add " + m_Here + " type veth && ip link set veth0 name " + there);
+    Shell("ip link set " + there + " netns " + std::to_string(m_Worker->tid));
+    Shell("ip link set " + m_Here + " up");
+    Do([&] { Shell("ip link set lo up && ip link set " + there + " up"); });
 }
 
 SecondHost::~SecondHost() {
     // The links go with the second network, but only some time after it has ended.
-    Shell("ip link del kl0");
+    Shell("ip link del " + m_Here);
     {
         const std::lock_guard lock(m_Worker->mutex);
         m_Worker->end = true;

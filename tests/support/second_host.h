@@ -1,5 +1,6 @@
 /// A second host beside this one, joined to it by a cable: a thread with a network of its own, in which the
-/// link kl1 ends; the other end, kl0, is here. Both are up and have no addresses.
+/// link kl1 ends; the other end, kl0, is here. Both are up and have no addresses. Several hosts need cables
+/// of different names.
 #ifndef KOVA_TESTS_SUPPORT_SECOND_HOST_H
 #define KOVA_TESTS_SUPPORT_SECOND_HOST_H
 
@@ -12,7 +13,7 @@ void Shell(const std::string& command);
 
 class SecondHost {
   public:
-    SecondHost();
+    explicit SecondHost(const std::string& cable = "kl");
     ~SecondHost();
     SecondHost(const SecondHost&) = delete;
     SecondHost& operator=(const SecondHost&) = delete;
@@ -22,6 +23,7 @@ class SecondHost {
 
   private:
     struct Worker;
+    const std::string m_Here;
     std::unique_ptr<Worker> m_Worker;
 };
 
