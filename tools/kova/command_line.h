@@ -13,7 +13,8 @@
 inline constexpr const char* kExitCodes =
     "Exit codes:\n"
     "  0  done\n"
-    "  1  the library or the system failed, and its error record is printed; no event or queue message came\n"
+    "  1  the library or the system failed, and its error record is printed; no event, queue message,\n"
+    "     ping reply or frame came\n"
     "  2  wrong options or operands\n"
     "  3  sent, but rejected by the peer or not answered in time";
 

@@ -1,6 +1,7 @@
 // kova: the command-line tool. Reads the command line and hands over to the command.
 #include "command_line.h"
 #include "host_commands.h"
+#include "network_commands.h"
 #include "report.h"
 #include "send.h"
 #include "serve.h"
@@ -87,7 +88,10 @@ void AddTrace(CLI::App& app, TraceShowOptions& options, Command& command) {
 }
 
 int Run(int argc, char** argv) {
-    CLI::App app("Sends, receives and shows what services with libkova exchange and share.", "kova");
+    CLI::App app(
+        "Sends, receives and shows what services with libkova exchange and share, and the network between "
+        "them.",
+        "kova");
     app.set_version_flag("--version", "kova " KOVA_VERSION);
     app.require_subcommand(1);
     app.footer("'kova COMMAND --help' tells more about a command.\n\n" + std::string(kExitCodes));
@@ -97,9 +101,11 @@ int Run(int argc, char** argv) {
     SendOptions send;
     TraceShowOptions trace;
     HostOptions host;
+    NetworkOptions network;
     AddServe(app, serve, command);
     AddSend(app, send, command);
     AddHostCommands(app, host, command);
+    AddNetworkCommands(app, network, command);
     AddTrace(app, trace, command);
     try {
         app.parse(argc, argv);

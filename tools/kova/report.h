@@ -12,7 +12,7 @@
 
 enum ExitCode : int {
     kExitOk = 0,
-    kExitFailure = 1,   ///< the library or the system failed; the record was printed
+    kExitFailure = 1,   ///< the library or the system failed, and the record was printed; nothing came
     kExitUsage = 2,     ///< wrong options or operands
     kExitNoAnswer = 3,  ///< sent, but rejected by the peer or not answered in time
 };
