@@ -7,16 +7,12 @@ Makes System V objects and files in /tmp: scripts/bench runs it in namespaces of
 wrong, 0 otherwise. Times are reported, never judged by the status.
 """
 
-import argparse
-import subprocess
 import sys
-import tempfile
-from collections import Counter
 from pathlib import Path
 
 sys.dont_write_bytecode = True  # nothing of this run stays in the tree
 import report  # noqa: E402
-from report import Comparison, Verdict  # noqa: E402
+from report import Comparison, Runs, Verdict  # noqa: E402
 
 PEERS = [
     Comparison("shared mutex: lock + unlock", "shared-mutex/library", "shared-mutex/by-hand", 1.10),
@@ -56,57 +52,15 @@ COUNTS = {
 SAME_CALL = {"semtimedop": "semop", "semtimedop_time64": "semop"}
 
 
-def system_calls(program: Path, subject: str, count: int) -> Counter[str]:
-    with tempfile.NamedTemporaryFile("r", suffix=".strace") as log:
-        subprocess.run(["strace", "-o", log.name, program, subject, str(count)], check=True)
-        names = [line.split("(", 1)[0] for line in log if "(" in line]
-    first, last = (i for i, name in enumerate(names) if name == "getppid")
-    return Counter(SAME_CALL.get(name, name) for name in names[first + 1 : last])
-
-
 def measure_counts(programs: Path, quick: bool) -> list[Verdict]:
-    repetitions = 100 if quick else 1000
-    print(f"== counts of shared objects: {repetitions} repetitions each; system calls by strace")
-    if not report.can_trace():
-        print("strace cannot be used here: system calls are not counted")
-        return []
-    verdicts = []
-    for subject, calls in COUNTS.items():
-        wanted = {name: count * repetitions for name, count in calls.items()}
-        made = dict(system_calls(programs / "kova-bench-ipc-calls", subject, repetitions))
-        texts = (report.per_repetition(part, repetitions) for part in (wanted, made))
-        verdicts.append(Verdict(f"{subject}: system calls", *texts, "yes" if made == wanted else "WRONG"))
-    return verdicts
+    return report.count_calls("shared objects", programs / "kova-bench-ipc-calls", COUNTS, SAME_CALL, quick)
 
 
 def measure_times(programs: Path, cpu: int | None, quick: bool) -> list[Verdict]:
-    count, repetitions, seconds = (1, 3, 0.002) if quick else (5, 9, 0.005)
-    print(f"\n== times of shared objects and files: {count} runs, in each {repetitions} repetitions in random order")
-    rounds = [report.run_round(programs / "kova-bench-ipc", cpu, repetitions, seconds) for _ in range(count)]
-    compared = [report.compare(comparison, rounds) for comparison in PEERS]
-    print(FLOORS)
-    print("Nanoseconds; a run's time is the median of its repetitions, figures are medians over the runs.\n")
-    header = ["", "floor wall", "wall", "floor CPU", "CPU", "wall ratio", "CPU ratio", "of the runs"]
-    report.print_table(header, [row for row, _ in compared])
-    return [verdict for _, verdict in compared if verdict is not None]
-
-
-def main() -> int:
-    parser = argparse.ArgumentParser(description="Runs the benchmarks of shared objects and files and judges them.")
-    parser.add_argument("--quick", action="store_true", help="a smoke run of a few seconds; its times say little")
-    parser.add_argument("--cpu", type=int, help="the processor to measure on (default: the last one)")
-    parser.add_argument("programs", type=Path, help="directory of kova-bench-ipc and kova-bench-ipc-calls")
-    arguments = parser.parse_args()
-
-    counts = measure_counts(arguments.programs, arguments.quick)
-    times = measure_times(arguments.programs, arguments.cpu, arguments.quick)
-    print("\n== verdicts on shared objects and files" + (" (quick: the times say little)" if arguments.quick else ""))
-    rows = [[v.title, v.to_reach, v.measured, v.held] for v in times + counts]
-    report.print_table(["", "to reach", "measured", "held?"], rows)
-    wrong = sum(v.held == "WRONG" for v in counts)
-    print(f"\n{len(counts) - wrong} of {len(counts)} counts right")
-    return 1 if wrong else 0
+    runs = Runs(1, 3, 0.002) if quick else Runs(5, 9, 0.005)
+    rounds = report.run_rounds("shared objects and files", programs / "kova-bench-ipc", cpu, runs)
+    return report.judge_times(FLOORS, PEERS, rounds)
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(report.run_report("shared objects and files", measure_counts, measure_times))

@@ -6,17 +6,14 @@ lock_report.py [--quick] [--cpu N] DIRECTORY-OF-THE-PROGRAMS
 Exit status: 1 when a count is wrong, 0 otherwise. Times are reported, never judged by the status.
 """
 
-import argparse
-import statistics
 import sys
-import tempfile
 from collections import Counter
 from dataclasses import dataclass
 from pathlib import Path
 
 sys.dont_write_bytecode = True  # nothing of this run stays in the tree
 import report  # noqa: E402
-from report import Comparison, Times, Verdict  # noqa: E402
+from report import Comparison, Runs, Times, Verdict  # noqa: E402
 
 PEERS = [
     Comparison("trace point, 1 value; floor the record alone", "point/library", "point/record", None),
@@ -152,19 +149,11 @@ def traced_comparisons() -> list[Comparison]:
 
 
 def measure_times(programs: Path, cpu: int | None, quick: bool) -> list[Verdict]:
-    count, repetitions, seconds = (1, 5, 0.002) if quick else (9, 21, 0.005)
-    print(f"\n== times of locks and threads: {count} runs, in each {repetitions} repetitions in random order")
-    rounds = [report.run_round(programs / "kova-bench-locks", cpu, repetitions, seconds) for _ in range(count)]
-    share = statistics.median(times.cpu / times.wall for results in rounds for times in results.values())
+    runs = Runs(1, 5, 0.002) if quick else Runs(9, 21, 0.005)
+    rounds = report.run_rounds("locks and threads", programs / "kova-bench-locks", cpu, runs)
     for results in rounds:
         add_sums(results)
-    compared = [report.compare(comparison, rounds) for comparison in PEERS + traced_comparisons()]
-    print(FLOORS)
-    print("Nanoseconds; a run's time is the median of its repetitions, figures are medians over the runs.\n")
-    header = ["", "floor wall", "wall", "floor CPU", "CPU", "wall ratio", "CPU ratio", "of the runs"]
-    report.print_table(header, [row for row, _ in compared])
-    print(f"\nThe programs had {share:.0%} of the processor while they ran; below 98% the wall times say little.")
-    return [verdict for _, verdict in compared if verdict is not None]
+    return report.judge_times(FLOORS, PEERS + traced_comparisons(), rounds)
 
 
 # --- Counts ---
@@ -180,23 +169,13 @@ def judge_part(count: Count, what: str, expected: dict[str, int], counted: dict[
     return Verdict(f"{count.title}: {what}", wanted_text, made_text, "yes" if made == wanted else "WRONG")
 
 
-def system_calls(program: Path, subject: str, count: int) -> dict[str, int]:
-    """What the repetitions call on their thread: the lines between two calls of getppid."""
-    with tempfile.NamedTemporaryFile("r", suffix=".strace") as log:
-        report.run_calls(program, subject, count, ["strace", "-o", log.name])
-        names = [line.split("(", 1)[0] for line in log if "(" in line]
-    first, last = (i for i, name in enumerate(names) if name == "getppid")
-    # Whether reading the clock is a system call is the machine's matter.
-    return dict(Counter(name for name in names[first + 1 : last] if name not in report.CLOCK_CALLS))
-
-
 def judge_count(count: Count, program: Path, repetitions: int, strace: bool) -> list[Verdict]:
     counted = report.run_calls(program, count.subject, repetitions, [])
     verdicts = [judge_part(count, "allocations", count.allocations, counted, repetitions)]
     if count.calls:
         verdicts.insert(0, judge_part(count, "calls", count.calls, counted, repetitions))
     if strace and count.system_calls:
-        made = system_calls(program, count.subject, repetitions)
+        made = dict(Counter(report.calls_between_marks([program, count.subject, str(repetitions)])))
         shown = report.per_repetition(made, repetitions)
         verdicts.append(Verdict(f"{count.title}: system calls", "none", shown, "WRONG" if made else "yes"))
     return verdicts
@@ -211,22 +190,5 @@ def measure_counts(programs: Path, quick: bool) -> list[Verdict]:
     return [verdict for count in COUNTS for verdict in judge_count(count, program, repetitions, strace)]
 
 
-def main() -> int:
-    parser = argparse.ArgumentParser(description="Runs the benchmarks of locks and threads and judges them.")
-    parser.add_argument("--quick", action="store_true", help="a smoke run of a few seconds; its times say little")
-    parser.add_argument("--cpu", type=int, help="the processor to measure on (default: the last one)")
-    parser.add_argument("programs", type=Path, help="directory of kova-bench-locks and kova-bench-lock-calls")
-    arguments = parser.parse_args()
-
-    counts = measure_counts(arguments.programs, arguments.quick)
-    times = measure_times(arguments.programs, arguments.cpu, arguments.quick)
-    print("\n== verdicts on locks and threads" + (" (quick: the times say little)" if arguments.quick else ""))
-    rows = [[v.title, v.to_reach, v.measured, v.held] for v in times + counts]
-    report.print_table(["", "to reach", "measured", "held?"], rows)
-    wrong = sum(v.held == "WRONG" for v in counts)
-    print(f"\n{len(counts) - wrong} of {len(counts)} counts right")
-    return 1 if wrong else 0
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(report.run_report("locks and threads", measure_counts, measure_times))

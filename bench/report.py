@@ -13,6 +13,8 @@ import statistics
 import subprocess
 import sys
 import tempfile
+from collections import Counter
+from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -163,18 +165,35 @@ def compare(comparison: Comparison, rounds: list[dict[str, Times]]) -> tuple[lis
     return row, Verdict(f"{comparison.title}: CPU ratio", f"<= {comparison.limit:.2f}", f"{ratio:.3f}", held)
 
 
-def measure_times(programs: Path, cpu: int | None, quick: bool) -> list[Verdict]:
-    count, repetitions, seconds = (1, 5, 0.005) if quick else (9, 21, 0.01)
-    print(f"\n== times: {count} runs, in each {repetitions} repetitions of everything in random order")
-    rounds = [run_round(programs / "kova-bench", cpu, repetitions, seconds) for _ in range(count)]
-    compared = [compare(comparison, rounds) for comparison in COMPARISONS]
-    print(FLOORS)
+@dataclass(frozen=True)
+class Runs:
+    """How often a program is started, how often it repeats everything, and for how long."""
+
+    count: int
+    repetitions: int
+    seconds: float
+
+
+def judge_times(floors: str, comparisons: list[Comparison], rounds: list[dict[str, Times]]) -> list[Verdict]:
+    share = statistics.median(times.cpu / times.wall for results in rounds for times in results.values())
+    compared = [compare(comparison, rounds) for comparison in comparisons]
+    print(floors)
     print("Nanoseconds; a run's time is the median of its repetitions, figures are medians over the runs.\n")
     header = ["", "floor wall", "wall", "floor CPU", "CPU", "wall ratio", "CPU ratio", "of the runs"]
     print_table(header, [row for row, _ in compared])
-    share = statistics.median(times.cpu / times.wall for results in rounds for times in results.values())
     print(f"\nThe programs had {share:.0%} of the processor while they ran; below 98% the wall times say little.")
     return [verdict for _, verdict in compared if verdict is not None]
+
+
+def run_rounds(title: str, program: Path, cpu: int | None, runs: Runs) -> list[dict[str, Times]]:
+    print(f"\n== times of {title}: {runs.count} runs, in each {runs.repetitions} repetitions in random order")
+    return [run_round(program, cpu, runs.repetitions, runs.seconds) for _ in range(runs.count)]
+
+
+def measure_times(programs: Path, cpu: int | None, quick: bool) -> list[Verdict]:
+    runs = Runs(1, 5, 0.005) if quick else Runs(9, 21, 0.01)
+    rounds = run_rounds("traces and messages", programs / "kova-bench", cpu, runs)
+    return judge_times(FLOORS, COMPARISONS, rounds)
 
 
 # --- Counts ---
@@ -204,6 +223,33 @@ def can_trace() -> bool:
     if shutil.which("strace") is None:
         return False
     return subprocess.run(["strace", "-o", "/dev/null", "true"], stderr=subprocess.DEVNULL, check=False).returncode == 0
+
+
+def calls_between_marks(command: list[str | Path]) -> list[str]:
+    """The system calls of a program's first thread between its two calls of getppid. Whether reading the clock is one is
+    the machine's matter."""
+    with tempfile.NamedTemporaryFile("r", suffix=".strace") as log:
+        subprocess.run(["strace", "-o", log.name, *command], check=True, stdout=subprocess.DEVNULL)
+        names = [line.split("(", 1)[0] for line in log if "(" in line]
+    first, last = (i for i, name in enumerate(names) if name == "getppid")
+    return [name for name in names[first + 1 : last] if name not in CLOCK_CALLS]
+
+
+def count_calls(title: str, program: Path, counts: dict[str, dict[str, int]], same: dict[str, str], quick: bool) -> list[Verdict]:
+    """Holds the system calls of one repetition against those wanted; `same` maps names of the same call to one."""
+    repetitions = 100 if quick else 1000
+    print(f"== counts of {title}: {repetitions} repetitions each; system calls by strace")
+    if not can_trace():
+        print("strace cannot be used here: system calls are not counted")
+        return []
+    verdicts = []
+    for subject, calls in counts.items():
+        wanted = {name: count * repetitions for name, count in calls.items()}
+        names = calls_between_marks([program, subject, str(repetitions)])
+        made = dict(Counter(same.get(name, name) for name in names))
+        texts = (per_repetition(part, repetitions) for part in (wanted, made))
+        verdicts.append(Verdict(f"{subject}: system calls", *texts, "yes" if made == wanted else "WRONG"))
+    return verdicts
 
 
 def per_repetition(calls: dict[str, int], count: int) -> str:
@@ -245,7 +291,7 @@ def judge_count(count: Count, program: Path, repetitions: int, strace: bool) -> 
 def measure_counts(programs: Path, quick: bool) -> list[Verdict]:
     program, repetitions = programs / "kova-bench-calls", 100 if quick else 1000
     strace = can_trace()
-    print(f"== counts: {repetitions} repetitions each; calls of the C library by interposition, system calls by strace")
+    print(f"== counts of traces and messages: {repetitions} repetitions each; calls of the C library by interposition, system calls by strace")
     if not strace:
         print("strace cannot be used here: system calls are not counted")
     verdicts = [v for count in COUNTS for v in judge_count(count, program, repetitions, strace)]
@@ -255,22 +301,26 @@ def measure_counts(programs: Path, quick: bool) -> list[Verdict]:
     return verdicts
 
 
-def main() -> int:
-    parser = argparse.ArgumentParser(description="Runs the benchmarks and judges them.")
+def run_report(
+    title: str,
+    counts: Callable[[Path, bool], list[Verdict]],
+    times: Callable[[Path, int | None, bool], list[Verdict]],
+) -> int:
+    """The whole of a report's program; returns its exit status."""
+    parser = argparse.ArgumentParser(description=f"Runs the benchmarks of {title} and judges them.")
     parser.add_argument("--quick", action="store_true", help="a smoke run of a few seconds; its times say little")
     parser.add_argument("--cpu", type=int, help="the processor to measure on (default: the last one)")
-    parser.add_argument("programs", type=Path, help="directory of kova-bench and kova-bench-calls")
+    parser.add_argument("programs", type=Path, help="directory of the benchmark programs")
     arguments = parser.parse_args()
 
-    counts = measure_counts(arguments.programs, arguments.quick)
-    times = measure_times(arguments.programs, arguments.cpu, arguments.quick)
-    print("\n== verdicts" + (" (quick: the times say little)" if arguments.quick else ""))
-    rows = [[v.title, v.to_reach, v.measured, v.held] for v in times + counts]
-    print_table(["", "to reach", "measured", "held?"], rows)
-    wrong = sum(v.held == "WRONG" for v in counts)
-    print(f"\n{len(counts) - wrong} of {len(counts)} counts right")
+    counted = counts(arguments.programs, arguments.quick)
+    timed = times(arguments.programs, arguments.cpu, arguments.quick)
+    print(f"\n== verdicts on {title}" + (" (quick: the times say little)" if arguments.quick else ""))
+    print_table(["", "to reach", "measured", "held?"], [[v.title, v.to_reach, v.measured, v.held] for v in timed + counted])
+    wrong = sum(v.held == "WRONG" for v in counted)
+    print(f"\n{len(counted) - wrong} of {len(counted)} counts right")
     return 1 if wrong else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(run_report("traces and messages", measure_counts, measure_times))

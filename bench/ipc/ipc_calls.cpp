@@ -1,27 +1,18 @@
 /// kova-bench-ipc-calls SUBJECT COUNT: does one thing with a shared object COUNT times. Under strace, the
 /// system calls of the repetitions stand between two calls of getppid.
 
+#include "support/repeat.h"
+
 #include <kova/message_queue.h>
 #include <kova/shared_mutex.h>
 #include <kova/shared_rwlock.h>
 #include <kova/shared_semaphore.h>
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <string_view>
 
 namespace {
 
-template <typename Repetition>
-bool Repeat(long count, Repetition repetition) {
-    bool succeeded = repetition();  // learns the ids of process and thread
-    ::getppid();
-    for (long i = 0; i < count; ++i) succeeded &= repetition();
-    ::getppid();
-    return succeeded;
-}
+using kova_bench::Repeat;
 
 bool Run(std::string_view subject, long count) {
     char name[] = "calls";
@@ -49,8 +40,4 @@ bool Run(std::string_view subject, long count) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    if (argc == 3 && Run(argv[1], std::atol(argv[2]))) return 0;
-    std::fprintf(stderr, "kova-bench-ipc-calls: wrong arguments, or an operation failed\n");
-    return 2;
-}
+int main(int argc, char** argv) { return kova_bench::RunCounted(argc, argv, Run); }
