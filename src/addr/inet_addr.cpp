@@ -35,11 +35,30 @@ bool PrintsAsIpv4(const in6_addr& ip, uint32_t low) {
     return ip.s6_addr[10] == 0xFF && ip.s6_addr[11] == 0xFF;
 }
 
-/// The only family that a text can belong to: of the two separators IPv4 text has dots only, and IPv6 text a
-/// colon first.
-int FamilyOf(const char* text) {
-    while (*text != '\0' && *text != '.' && *text != ':') ++text;
-    return *text == ':' ? AF_INET6 : AF_INET;
+/// Reads a number up to 255 without leading zeroes; -1 if there is none.
+int ReadByte(const char*& text) {
+    const auto is_digit = [&] { return *text >= '0' && *text <= '9'; };
+    if (!is_digit()) return -1;
+    int value = *text++ - '0';
+    for (; is_digit(); ++text) {
+        if (value == 0) return -1;
+        value = value * 10 + (*text - '0');
+        if (value > 255) return -1;
+    }
+    return value;
+}
+
+/// As inet_pton for IPv4, which takes twice the time.
+bool ParseDotted(const char* text, in_addr& ip) {
+    uint8_t bytes[sizeof ip];
+    for (size_t i = 0; i < sizeof bytes; ++i) {
+        if (i != 0 && *text++ != '.') return false;
+        const int value = ReadByte(text);
+        if (value < 0) return false;
+        bytes[i] = static_cast<uint8_t>(value);
+    }
+    std::memcpy(&ip, bytes, sizeof ip);
+    return *text == '\0';
 }
 
 /// Writes `value` in decimal, unterminated; returns the end.
@@ -101,13 +120,12 @@ KovaInetAddr& KovaInetAddr::operator=(const char* text) {
     // Parsed before anything changes: the text may be this object's own.
     in_addr ip4{};
     in6_addr ip6{};
-    const int family = text == nullptr ? AF_UNSPEC : FamilyOf(text);
-    if (family == AF_INET && ::inet_pton(family, text, &ip4) == 1) {
+    if (text != nullptr && ParseDotted(text, ip4)) {
         SetIp(ip4.s_addr);
         // Deliberate: the text of an IPv4 address ends what was known of port and scope.
         SetPort(0);
         SetScope(kNoScope);
-    } else if (family == AF_INET6 && ::inet_pton(family, text, &ip6) == 1) {
+    } else if (text != nullptr && ::inet_pton(AF_INET6, text, &ip6) == 1) {
         SetIp(ip6);
     } else {
         SetIp(0U);

@@ -7,6 +7,7 @@
 #include <net/if.h>
 
 #include <cstring>
+#include <random>
 #include <sstream>
 #include <string>
 #include <type_traits>
@@ -200,6 +201,36 @@ TEST_F(InetAddrAssignment, ToItselfChangesNothing) {
     m_Address = same;
     EXPECT_EQ("fe80::1:80", Text(m_Address));
     EXPECT_EQ(3, m_Address.GetScope());
+}
+
+TEST_F(InetAddrAssignment, OfIpv4TextIsWhatInetPtonMakesOfIt) {
+    constexpr char kAlphabet[] = "0123456789.0125. :xa-+";
+    std::minstd_rand random(11);
+    const auto below = [&](size_t limit) { return static_cast<size_t>(random() % limit); };
+    for (int i = 0; i < 20000; ++i) {
+        std::string text = "10.253.0.255";
+        if (i % 2 == 0) {
+            text.clear();
+            for (int part = 0; part < 4; ++part)
+                text += (part == 0 ? "" : ".") + std::to_string(below(i % 3 == 0 ? 1100 : 270));
+        }
+        for (size_t changes = below(3); changes > 0; --changes) {
+            const char letter = kAlphabet[below(sizeof kAlphabet)];
+            const size_t at = below(text.size() + 1);
+            if (below(2) == 0 || at == text.size()) {
+                text.insert(at, 1, letter);
+            } else {
+                text[at] = letter;
+            }
+        }
+        in_addr expected{};
+        in6_addr other;
+        if (::inet_pton(AF_INET6, text.c_str(), &other) == 1) continue;
+        if (::inet_pton(AF_INET, text.c_str(), &expected) != 1) expected.s_addr = 0;
+        KovaInetAddr address(1, 0);
+        address = text.c_str();
+        EXPECT_EQ(expected.s_addr, address.GetIp()) << text;
+    }
 }
 
 TEST_F(InetAddrAssignment, OfItsOwnTextIsParsedBeforeItChanges) {

@@ -154,7 +154,7 @@ class Entry {
         char name[IF_NAMESIZE] = "?";
         if_indextoname(static_cast<unsigned>(arrival.interface), name);
         const char* const direction = arrival.outgoing ? "out" : "in";
-        Say(" " + NameText(name) + " " + direction);
+        Say(std::string(" ").append(NameText(name)).append(" ").append(direction));
         m_Json.AddText("interface", name).AddText("direction", direction);
     }
 

@@ -123,7 +123,10 @@ class Entry {
 
     void AddValues(const std::vector<int>& values) {
         std::string text = "values";
-        for (const int value : values) text += " " + std::to_string(value);
+        for (const int value : values) {
+            text += ' ';
+            text += std::to_string(value);
+        }
         Say(text);
         m_Json.AddNumbers("values", values);
     }

@@ -23,7 +23,10 @@ std::string JsonString(std::string_view text) {
 
 JsonObject& JsonObject::AddNumbers(std::string_view key, const std::vector<int>& values) {
     std::string list;
-    for (const int value : values) list += (list.empty() ? "" : ",") + std::to_string(value);
+    for (const int value : values) {
+        if (!list.empty()) list += ',';
+        list += std::to_string(value);
+    }
     return AddRaw(key, "[" + list + "]");
 }
 
