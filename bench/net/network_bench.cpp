@@ -61,9 +61,10 @@ const std::vector<uint8_t>& Frame() {
 
 void DecodeByHand(benchmark::State& state) {
     HandFrame decoded;
+    const std::vector<uint8_t> frame = Frame();
     Measure(state, [&] {
         benchmark::DoNotOptimize(&decoded);
-        return decoded.Decode(Frame().data(), Frame().size());
+        return decoded.Decode(frame.data(), frame.size());
     });
 }
 
@@ -74,8 +75,9 @@ void DecodeByLibrary(benchmark::State& state) {
 }
 
 void DecodeByTins(benchmark::State& state) {
-    Measure(state, [] {
-        const Tins::EthernetII decoded(Frame().data(), static_cast<uint32_t>(Frame().size()));
+    const std::vector<uint8_t> frame = Frame();
+    Measure(state, [&] {
+        const Tins::EthernetII decoded(frame.data(), static_cast<uint32_t>(frame.size()));
         return decoded.find_pdu<Tins::UDP>() != nullptr;
     });
 }

@@ -1,5 +1,6 @@
 """`kova capture`: frames that another host sends, byte by byte."""
 
+import errno
 import json
 import os
 import re
@@ -8,10 +9,11 @@ import socket
 import struct
 import subprocess
 import unittest
+from pathlib import Path
 
 import second_host
 from second_host import HERE, HERE_MAC, THERE, THERE_MAC, shell
-from tool import KOVA, LIMIT, Running, ToolTest, kova
+from tool import KOVA, LIMIT, Running, ToolTest, kova, wait_until
 
 TIME = rb"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z"
 UDP, TCP, ICMP, OTHER = 17, 6, 1, 89
@@ -37,8 +39,8 @@ def mac(text):
     return bytes.fromhex(text.replace(":", ""))
 
 
-def frame(payload, kind=0x0800, tag=None):
-    tagged = b"" if tag is None else struct.pack("!HH", 0x8100, tag)
+def frame(payload, kind=0x0800, tag=None, inner=None):
+    tagged = b"".join(struct.pack("!HH", 0x8100, one) for one in (tag, inner) if one is not None)
     return mac(HERE_MAC) + mac(THERE_MAC) + tagged + struct.pack("!H", kind) + payload
 
 
@@ -55,6 +57,24 @@ class Capture(ToolTest):
         self.addCleanup(self.cable.close)
         self.cable.bind(("kv1", 0))
 
+    def send(self, data):
+        """Sends, again as long as a queue on the way is full."""
+        while True:
+            try:
+                return self.cable.send(data)
+            except OSError as failure:
+                if failure.errno != errno.ENOBUFS:
+                    raise
+
+    def flood(self, capture):
+        """More frames than the socket of `capture` holds, while that is stopped."""
+        capture.process.send_signal(signal.SIGSTOP)
+        wait_until(
+            lambda: b") T " in Path(f"/proc/{capture.process.pid}/stat").read_bytes(), lambda: "a stop"
+        )
+        for _ in range(2000):
+            self.send(frame(bytes(1400), kind=0x88B5))
+
     def capture(self, *arguments):
         """`kova capture`, ready for frames."""
         running = Running("capture", *arguments)
@@ -67,16 +87,23 @@ class Capture(ToolTest):
 
     def assert_shown(self, data, line):
         with self.capture("--interface", "kv0", "--count", 1) as capture:
-            self.cable.send(data)
+            self.send(data)
             self.assertEqual(capture.end(), 0)
             self.assertRegex(capture.output, rb"\Acapturing on kv0\n" + ARRIVED + line + rb"\n\Z")
             self.assertEqual(capture.errors, b"")
+
+    def assert_shown_as_sent(self, data, line):
+        """As it leaves kv1: the kernel takes no tag out of it."""
+        with self.capture("--interface", "kv1", "--count", 1) as capture:
+            self.send(data)
+            self.assertEqual(capture.end(), 0)
+            self.assertRegex(capture.output, rb" kv1 out \S{17} > \S{17}" + line + rb"\n\Z")
 
     def assert_json(self, data, **members):
         """Runs until the first frame is printed: there is no line that tells when it listens."""
         with Running("capture", "--interface", "kv0", "--json", "--count", 1) as capture:
             while capture.process.poll() is None:
-                self.cable.send(data)
+                self.send(data)
             self.assertEqual(capture.end(), 0)
             entry = json.loads(capture.output)
             self.assertRegex(entry.pop("time").encode(), rb"\A" + TIME + rb"\Z")
@@ -124,18 +151,33 @@ class Capture(ToolTest):
         data = frame(ip(UDP, PORTS + bytes(4)), tag=3 << 13 | 0x123)
         line = rb" vlan 291 priority 3: 10\.0\.0\.7:4000 > 10\.0\.0\.8:5000 udp, %d bytes, 0 of data"
         self.assert_shown(data, line % (len(data) - 4))
-        with self.capture("--interface", "kv1", "--count", 1) as capture:
-            self.cable.send(data)
-            self.assertEqual(capture.end(), 0)
-            self.assertRegex(capture.output, rb" kv1 out \S+ > \S+" + line % len(data))
+        self.assert_shown_as_sent(data, line % len(data))
+
+    def test_both_tags_of_a_frame_are_shown(self):
+        data = frame(ip(UDP, PORTS + bytes(4)), tag=3 << 13 | 0x123, inner=1 << 13 | 7)
+        tags = rb" vlan 291 priority 3 inner vlan 7 priority 1: "
+        ports = rb"10\.0\.0\.7:4000 > 10\.0\.0\.8:5000 udp, %d bytes, 0 of data"
+        self.assert_shown(data, tags + ports % (len(data) - 4))
+        # The library takes one tag off only.
+        second = rb"not decoded: EtherType 0x8100 \(a second VLAN tag\), %d bytes"
+        self.assert_shown_as_sent(data, tags + second % len(data))
+
+    def test_tags_that_are_cut_short_are_told(self):
+        whole = frame(bytes(28), tag=5, inner=6)
+        for size in (14, 17):
+            line = rb": not decoded: VLAN tag cut short, %d bytes" % size
+            self.assert_shown_as_sent(whole[:size], line)
+        for size in (18, 21):
+            line = (
+                rb" vlan 5 priority 0: not decoded: EtherType 0x8100 \(a second VLAN tag\), %d bytes" % size
+            )
+            self.assert_shown_as_sent(whole[:size], line)
 
     def test_what_stands_behind_a_tag_need_not_be_ipv4(self):
-        with self.capture("--interface", "kv1", "--count", 1) as capture:
-            self.cable.send(frame(ip(UDP, PORTS + bytes(4)), kind=0x0806, tag=5))
-            self.assertEqual(capture.end(), 0)
-            self.assertRegex(
-                capture.output, rb" vlan 5 priority 0: not decoded: EtherType 0x0806 \(ARP\), 46 bytes"
-            )
+        self.assert_shown_as_sent(
+            frame(ip(UDP, PORTS + bytes(4)), kind=0x0806, tag=5),
+            rb" vlan 5 priority 0: not decoded: EtherType 0x0806 \(ARP\), 46 bytes",
+        )
 
     def test_other_frames_are_told_with_their_reason(self):
         for data, reason in (
@@ -157,7 +199,7 @@ class Capture(ToolTest):
     def test_ports_of_an_earlier_frame_are_not_shown(self):
         with self.capture("--interface", "kv0", "--count", 4) as capture:
             for payload, fragment in ((PORTS + bytes(4), 0), (PORTS, 0), (PORTS + bytes(20), 5), (PORTS, 5)):
-                self.cable.send(frame(ip(UDP, payload, fragment)))
+                self.send(frame(ip(UDP, payload, fragment)))
             self.assertEqual(capture.end(), 0)
             lines = [line.split(b": ", 1)[1] for line in capture.output.splitlines()[1:]]
             self.assertEqual(
@@ -183,10 +225,13 @@ class Capture(ToolTest):
         self.assert_json(frame(bytes(28), kind=0x0806), not_decoded="EtherType 0x0806 (ARP)")
         tagged = frame(ip(OTHER, b""), tag=7 << 13 | 4095)
         self.assert_json(tagged, vlan=4095, priority=7, protocol=89, size=len(tagged) - 4, **ends)
+        twice = frame(ip(OTHER, b""), tag=4095, inner=6 << 13 | 8)
+        inner = {"inner_vlan": 8, "inner_priority": 6}
+        self.assert_json(twice, vlan=4095, priority=0, **inner, protocol=89, size=len(twice) - 4, **ends)
 
     def test_without_interface_all_are_heard(self):
         with self.capture("--count", 2) as capture:
-            self.cable.send(frame(ip(OTHER, b"")))
+            self.send(frame(ip(OTHER, b"")))
             self.assertEqual(capture.end(), 0)
             ends = (
                 rb" 02:00:00:00:00:02 > 02:00:00:00:00:01: 10\.0\.0\.7 > 10\.0\.0\.8 protocol 89, 34 bytes\n"
@@ -199,9 +244,17 @@ class Capture(ToolTest):
         self.addCleanup(other.close)
         with self.capture("--interface", "kv0", "--count", 1) as capture:
             other.sendto(b"x", ("127.0.0.1", 9))
-            self.cable.send(frame(ip(OTHER, b"")))
+            self.send(frame(ip(OTHER, b"")))
             self.assertEqual(capture.end(), 0)
             self.assertRegex(capture.output, rb"\A[^\n]*\n[^\n]* kv0 in [^\n]*\n\Z")
+
+    def test_the_kernel_keeps_the_frames_of_other_interfaces_away(self):
+        cable = socket.if_nametoindex("kv1")
+        for arguments, index in (([], 0), (["--interface", "kv0"], socket.if_nametoindex("kv0"))):
+            with self.capture(*arguments) as capture:
+                sockets = Path("/proc/net/packet").read_text().splitlines()[1:]
+                self.assertEqual({int(line.split()[4]) for line in sockets}, {cable, index})
+                self.assertEqual(capture.stop(), 0)
 
     def test_a_large_frame_is_taken_whole(self):
         other = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -233,7 +286,7 @@ class Capture(ToolTest):
             os.close(theirs)
             self.assertEqual(os.read(ours, 100), b"capturing on kv0\n")
             os.close(ours)
-            self.cable.send(frame(ip(OTHER, b"")))
+            self.send(frame(ip(OTHER, b"")))
             self.assertEqual(process.wait(LIMIT), -signal.SIGPIPE)
             self.assertEqual(process.stderr.read(), b"")
 
@@ -245,14 +298,20 @@ class Capture(ToolTest):
 
     def test_missing_frames_are_told(self):
         with self.capture("--interface", "kv0") as capture:
-            capture.process.send_signal(signal.SIGSTOP)
-            data = frame(bytes(1400), kind=0x88B5)
-            for _ in range(2000):
-                self.cable.send(data)
+            self.flood(capture)
             capture.process.send_signal(signal.SIGCONT)
             capture.wait_for_output(rb"0x88b5")
             self.assertEqual(capture.stop(signal.SIGINT), 0)
             self.assertRegex(capture.errors, rb"\Akova: \d+ frames came too fast and are missing\n\Z")
+
+    def test_missing_frames_are_told_after_a_failure_too(self):
+        with self.capture("--interface", "kv0") as capture:
+            self.flood(capture)
+            shell("ip link set kv0 down")
+            capture.process.send_signal(signal.SIGCONT)
+            self.assertEqual(capture.end(), 1)
+            missing = rb"\Akova: \d+ frames came too fast and are missing\n"
+            self.assertRegex(capture.errors, missing + rb"kova: cannot receive frames: error 100 ENETDOWN ")
 
     def test_real_traffic_is_understood(self):
         there = second_host.SecondHost()
@@ -274,7 +333,7 @@ class Capture(ToolTest):
         self.assert_ended(
             result,
             1,
-            rb"\Akova: cannot capture: .*; the privilege CAP_NET_RAW is missing: .* cap_net_raw\+ep ",
+            rb"\Akova: cannot capture: .*; the privilege CAP_NET_RAW is missing: .* cap_net_raw,cap_net_admin\+ep ",
             rb"\A\Z",
         )
         self.assert_record(result.stderr, 1, "EPERM", "virtual bool KovaRawSocket::Open()")

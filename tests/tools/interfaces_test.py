@@ -1,11 +1,14 @@
 """`kova interfaces`: the listing, which changes nothing, and the changes."""
 
 import json
+import subprocess
 import unittest
 
 import second_host
 from second_host import shell
-from tool import ToolTest, kova
+from tool import KOVA, LIMIT, ToolTest, kova
+
+SIOCSIFFLAGS, SIOCSIFNETMASK = 0x8914, 0x891C
 
 HEAD = (
     b"Ethernet Interfaces:\n"
@@ -47,7 +50,7 @@ class Interfaces(ToolTest):
             rb"\Akova: "
             + message
             + rb": error 1 EPERM \(Operation not permitted\); the privilege CAP_NET_ADMIN"
-            rb" is missing: run it as root, or once: setcap cap_net_admin\+ep /\S+/kova\n\Z",
+            rb" is missing: run it as root, or once: setcap cap_net_raw,cap_net_admin\+ep /\S+/kova\n\Z",
             rb"\A\Z",
         )
 
@@ -126,6 +129,26 @@ class Interfaces(ToolTest):
         self.interfaces("down", "kv0:1", output=rb"kv0:1 has lost its address 10\.2\.0\.1\n")
         self.assertEqual((addresses("kv0"), is_up("kv0")), (["10.1.2.3/24"], True))
 
+    def test_an_alias_is_not_up_without_its_device(self):
+        shell("ip address add 10.2.0.1/24 dev kv0 label kv0:1")
+        shell("ip link set kv0 down")
+        before = addresses("kv0")
+        self.interfaces(
+            *("up", "kv0:1"), code=1, errors=rb"\Akova: cannot take up kv0:1: its device kv0 is down\n\Z"
+        )
+        self.assertEqual((addresses("kv0"), is_up("kv0")), (before, False))
+        shell("ip link set kv0 up")
+        self.interfaces("up", "kv0:1", output=rb"kv0:1 is up already\n")
+
+    def test_a_request_without_effect_is_told(self):
+        effect = rb": it had no effect, though the system told no error\n\Z"
+        result = second_host.deaf(SIOCSIFFLAGS, "interfaces", "down", "kv0")
+        self.assert_ended(result, 1, rb"\Akova: cannot take down kv0" + effect, rb"\A\Z")
+        shell("ip address add 10.1.2.3/24 dev kv0")
+        shell("ip link set kv0 down")
+        result = second_host.deaf(SIOCSIFFLAGS, "interfaces", "up", "kv0")
+        self.assert_ended(result, 1, rb"\Akova: cannot take up kv0" + effect, rb"\A\Z")
+
     def test_other_interfaces_that_are_down_keep_their_addresses(self):
         shell("ip address add 10.3.0.1/24 dev kv1")
         shell("ip link set kv1 down")
@@ -167,7 +190,7 @@ class Interfaces(ToolTest):
                 self.interfaces(
                     *("set", "kv1", "--address", "10.6.0.1"),
                     code=2,
-                    errors=rb"kv1 has no address yet: give --netmask",
+                    errors=rb"\Akova: kv1 has no address yet: give both --address and --netmask\n\Z",
                 )
                 self.interfaces(
                     *("set", "kv1", "--address", "10.6.0.1", "--netmask", "255.255.255.0"),
@@ -182,6 +205,39 @@ class Interfaces(ToolTest):
         )
         self.assert_ended(kova("interfaces", "up", "kv0"), 0)
         self.assertEqual((addresses("kv0"), is_up("kv0")), (["10.1.2.3/24"], True))
+
+    def test_an_alias_of_the_same_subnet_may_go_with_the_address(self):
+        for keep, left in ((0, ["10.1.2.4/24"]), (1, ["10.1.2.4/24", "10.1.2.9/24"])):
+            shell("ip address flush dev kv0")
+            second_host.set_number("ipv4/conf/kv0/promote_secondaries", keep)
+            second_host.set_number("ipv4/conf/all/promote_secondaries", keep)
+            shell("ip address add 10.1.2.3/24 dev kv0")
+            shell("ip address add 10.1.2.9/24 dev kv0 label kv0:1")
+            self.interfaces("set", "kv0", "--address", "10.1.2.4", output=rb".*\n")
+            self.assertEqual(sorted(addresses("kv0")), left)
+
+    def test_the_mac_of_an_interface_without_address_can_be_set(self):
+        self.interfaces(
+            "set", "kv1", "--mac", "02:00:00:00:00:5e", output=rb"kv1: no address, MAC 02:00:00:00:00:5e\n"
+        )
+        self.assertEqual((addresses("kv1"), link("kv1")["address"]), ([], "02:00:00:00:00:5e"))
+        self.interfaces("set", "kv1", "--netmask", "255.0.0.0", code=2, errors=rb"give both --address and")
+
+    def test_the_mac_is_set_before_the_first_address(self):
+        first = ("--address", "10.6.0.1", "--netmask", "255.255.255.0")
+        self.interfaces(
+            "set", "kv1", "--mac", "03:00:00:00:00:01", *first, code=1, errors=rb"cannot set the MAC address"
+        )
+        self.assertEqual(addresses("kv1"), [])
+        self.interfaces(
+            *("set", "kv1", "--mac", "02:00:00:00:00:5e", *first),
+            output=rb"kv1: address 10\.6\.0\.1, netmask 255\.255\.255\.0, MAC 02:00:00:00:00:5e\n",
+        )
+        shell("ip address flush dev lo")
+        self.interfaces(
+            "set", "lo", "--mac", "02:00:00:00:00:01", *first, code=2, errors=rb"lo has no MAC address"
+        )
+        self.assertEqual(addresses("lo"), [])
 
     def test_a_step_that_fails_is_named_with_its_errno(self):
         self.interfaces(
@@ -217,7 +273,44 @@ class Interfaces(ToolTest):
     def test_an_interface_behind_the_seventh_is_told(self):
         for number in range(1, 9):
             shell(f"ip address add 10.1.2.{100 + number}/24 dev kv0 label kv0:{number}")
-        self.interfaces("down", "kv0:8", code=2, errors=rb"not among the first seven")
+        before = addresses("kv0")
+        change = ("--mac", "02:00:00:00:00:09", "--address", "10.1.2.200", "--netmask", "255.255.255.0")
+        for arguments in (["down", "kv0:8"], ["up", "kv0:8"], ["set", "kv0:8", *change]):
+            self.interfaces(*arguments, code=2, errors=rb"its address is not among the first seven\n\Z")
+        self.assertEqual((addresses("kv0"), link("kv0")["address"]), (before, "02:00:00:00:00:01"))
+
+    def test_a_first_address_that_would_stand_behind_the_seventh_is_refused(self):
+        shell("ip address flush dev kv0")
+        for number in range(1, 7):
+            shell(f"ip address add 10.1.2.{100 + number}/24 dev kv1 label kv1:{number}")
+        change = ("--mac", "02:00:00:00:00:09", "--address", "10.6.0.1", "--netmask", "255.255.255.0")
+        self.interfaces("set", "kv0", *change, code=2, errors=rb"kv0 gets no address: it would not be among ")
+        self.assertEqual((addresses("kv0"), link("kv0")["address"]), ([], "02:00:00:00:00:01"))
+
+    def test_a_first_address_before_the_seventh_is_given(self):
+        for number in range(1, 9):
+            shell(f"ip address add 10.1.2.{100 + number}/24 dev kv0 label kv0:{number}")
+        change = ("--address", "10.6.0.1", "--netmask", "255.255.255.0")
+        self.interfaces("set", "kv1", *change, output=rb"kv1: address 10\.6\.0\.1, .*\n")
+        self.assertEqual(addresses("kv1"), ["10.6.0.1/24"])
+
+    def test_an_interface_with_two_addresses_of_its_name_is_not_changed(self):
+        shell("ip address add 10.2.0.1/24 dev kv0")
+        shell("ip address add 10.1.2.9/24 dev kv0 label kv0:1")
+        before = addresses("kv0")
+        two = rb"\Akova: interface kv0 has 2 IPv4 addresses of this name; it can be changed with one only\n\Z"
+        self.interfaces("down", "kv0", code=2, errors=two)
+        for option, value in (("--address", "10.1.2.7"), ("--netmask", "255.255.0.0")):
+            mac = ("--mac", "02:00:00:00:00:09")
+            self.interfaces("set", "kv0", option, value, *mac, code=2, errors=two)
+        self.assertEqual(link("kv0")["address"], "02:00:00:00:00:01")
+        shell("ip link set kv0 down")
+        self.interfaces("up", "kv0", code=2, errors=two)
+        self.assertEqual((addresses("kv0"), is_up("kv0")), (before, False))
+
+    def test_what_is_told_is_the_kernels(self):
+        result = second_host.deaf(SIOCSIFNETMASK, "interfaces", "set", "kv0", "--netmask", "255.255.0.0")
+        self.assert_ended(result, 0, output=rb"\Akv0: address 10\.1\.2\.3, netmask 255\.255\.255\.0, MAC ")
 
     def test_what_cannot_be_set_is_refused(self):
         for option, value, message in (
@@ -228,11 +321,23 @@ class Interfaces(ToolTest):
             ("--mac", "02-00-00-00-00-01", rb"not a MAC address"),
             ("--mac", "0200000000011", rb"not a MAC address"),
             ("--mac", "02000000000g", rb"not a MAC address"),
+            ("--address", "", rb"--address: the value is empty"),
+            ("--netmask", "", rb"--netmask: the value is empty"),
+            ("--mac", "", rb"--mac: the value is empty"),
         ):
             self.interfaces("set", "kv0", option, value, code=2, errors=rb"\Akova: .*" + message)
         self.interfaces("set", "kv0", code=2, errors=rb"nothing to set")
         self.interfaces("set", "lo", "--mac", "02:00:00:00:00:01", code=2, errors=rb"lo has no MAC address")
         self.assertEqual(addresses("kv0"), ["10.1.2.3/24"])
+
+    def test_output_that_cannot_be_written_is_a_failure(self):
+        for arguments in ([], ["--json"], ["set", "kv0", "--netmask", "255.255.0.0"], ["--help"]):
+            with open("/dev/full", "wb") as full:
+                result = subprocess.run(
+                    [KOVA, "interfaces", *arguments], stdout=full, stderr=subprocess.PIPE, timeout=LIMIT
+                )
+            message = b"kova: cannot write to standard output: No space left on device\n"
+            self.assertEqual((result.returncode, result.stderr), (1, message), arguments)
 
     def test_usage_errors(self):
         for arguments in (["frob"], ["up"], ["up", "kv0", "kv1"], ["set"], ["--json", "up", "kv0"]):

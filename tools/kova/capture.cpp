@@ -2,6 +2,7 @@
 
 #include "end_signals.h"
 #include "hex_dump.h"
+#include "interfaces.h"
 #include "json.h"
 #include "privilege.h"
 #include "report.h"
@@ -35,8 +36,10 @@ constexpr size_t kMacSize = KovaMacAddr::kSize;
 constexpr size_t kTypeAt = 12;
 constexpr size_t kTagAt = 14;
 constexpr size_t kInnerTypeAt = 16;
+constexpr size_t kInnerTagAt = 18;
 constexpr size_t kHeader = 14;
 constexpr size_t kTaggedHeader = 18;
+constexpr size_t kTwiceTaggedHeader = 22;
 /// Of the first type that is none, but the length of a frame.
 constexpr uint16_t kLeastType = 0x0600;
 
@@ -111,7 +114,7 @@ const char* EtherName(uint16_t type) {
 struct Arrival {
     int interface = 0;
     bool outgoing = false;
-    std::optional<uint16_t> tag;  ///< the kernel takes VLAN tags out of frames that arrive
+    std::optional<uint16_t> tag;  ///< the kernel takes the outer VLAN tag out of frames that arrive
 };
 
 std::optional<uint16_t> TagOf(msghdr& message) {
@@ -139,7 +142,7 @@ bool Peek(int fd, Arrival& arrival) {
     message.msg_controllen = sizeof control;
     if (::recvmsg(fd, &message, MSG_PEEK | MSG_DONTWAIT) < 0) {
         if (errno == EAGAIN || errno == EINTR) return false;
-        throw std::runtime_error("cannot receive frames: error " + CodeText(errno));
+        throw std::runtime_error("cannot receive frames: " + FailureText(errno));
     }
     arrival = {from.sll_ifindex, from.sll_pkttype == PACKET_OUTGOING, TagOf(message)};
     return true;
@@ -161,7 +164,8 @@ class Entry {
     void Add(const Arrival& arrival, bool decoded) {
         if (m_Size < kHeader) return AddFailure("frame cut short");
         AddMacs();
-        AddTag(arrival);
+        AddTags(arrival);
+        if (IsVlan(kTypeAt) && !IsTagged()) return AddFailure("VLAN tag cut short");
         const uint16_t type = Word(m_Frame + (IsTagged() ? kInnerTypeAt : kTypeAt));
         // The library takes what stands behind a tag for IPv4 in any case.
         if (type != ETHERTYPE_IP) return AddFailure("EtherType " + Hex(type) + EtherName(type));
@@ -175,7 +179,11 @@ class Entry {
   private:
     void Say(const std::string& text) { m_Line += text; }
 
-    bool IsTagged() const { return m_Size >= kTaggedHeader && Word(m_Frame + kTypeAt) == ETHERTYPE_VLAN; }
+    bool IsVlan(size_t type_at) const { return Word(m_Frame + type_at) == ETHERTYPE_VLAN; }
+    bool IsTagged() const { return m_Size >= kTaggedHeader && IsVlan(kTypeAt); }
+    bool IsTwiceTagged() const {
+        return m_Size >= kTwiceTaggedHeader && IsVlan(kTypeAt) && IsVlan(kInnerTypeAt);
+    }
 
     void AddMacs() {
         const std::string to = KovaMacAddr(m_Frame);
@@ -184,17 +192,30 @@ class Entry {
         m_Json.AddText("source_mac", from).AddText("destination_mac", to);
     }
 
-    /// All of the tag, of which the library keeps four bits of the identifier.
-    void AddTag(const Arrival& arrival) {
-        const std::optional<uint16_t> tag = IsTagged() ? Word(m_Frame + kTagAt) : arrival.tag;
-        if (!tag) {
-            m_Json.AddNull("vlan").AddNull("priority");
-            return;
-        }
-        const unsigned vlan = *tag & 0x0FFFU;
-        const unsigned priority = *tag >> 13U;
-        Say(" vlan " + std::to_string(vlan) + " priority " + std::to_string(priority));
-        m_Json.AddNumber("vlan", vlan).AddNumber("priority", priority);
+    /// From the outer to the inner one.
+    std::vector<uint16_t> Tags(const Arrival& arrival) const {
+        std::vector<uint16_t> tags;
+        if (arrival.tag) tags.push_back(*arrival.tag);
+        if (IsTagged()) tags.push_back(Word(m_Frame + kTagAt));
+        if (IsTwiceTagged()) tags.push_back(Word(m_Frame + kInnerTagAt));
+        return tags;
+    }
+
+    void AddTags(const Arrival& arrival) {
+        const std::vector<uint16_t> tags = Tags(arrival);
+        if (tags.empty()) m_Json.AddNull("vlan").AddNull("priority");
+        if (!tags.empty()) AddTag("", "", tags[0]);
+        if (tags.size() > 1) AddTag("inner ", "inner_", tags[1]);
+    }
+
+    /// All of a tag, of which the library keeps four bits of the identifier.
+    void AddTag(const char* place, const char* prefix, uint16_t tag) {
+        const unsigned vlan = tag & 0x0FFFU;
+        const unsigned priority = tag >> 13U;
+        Say(std::string(" ") + place + "vlan " + std::to_string(vlan) + " priority " +
+            std::to_string(priority));
+        m_Json.AddNumber(std::string(prefix) + "vlan", vlan)
+            .AddNumber(std::string(prefix) + "priority", priority);
     }
 
     void AddFailure(const std::string& reason) {
@@ -230,8 +251,8 @@ class Entry {
         const KovaInetAddr& from = *m_Socket.GetLastPeer();
         const KovaInetAddr& to = *m_Socket.GetLastLocal();
         Say(with_ports ? ": " + AddressText(from) + " > " + AddressText(to)
-                       : std::string(": ") + from.GetAsciiIp() + " > " + to.GetAsciiIp());
-        m_Json.AddText("source", from.GetAsciiIp()).AddText("destination", to.GetAsciiIp());
+                       : ": " + IpText(from) + " > " + IpText(to));
+        m_Json.AddText("source", IpText(from)).AddText("destination", IpText(to));
         if (!with_ports) return;
         m_Json.AddNumber("source_port", ntohs(from.GetPort()))
             .AddNumber("destination_port", ntohs(to.GetPort()));
@@ -279,14 +300,16 @@ class Entry {
 class Recorder {
   public:
     explicit Recorder(const CaptureOptions& options) : m_Options(options), m_Frame(kLargestFrame) {
-        if (!options.interface.empty())
-            m_Interface = static_cast<int>(if_nametoindex(options.interface.c_str()));
-        if (m_Interface == 0) throw UsageError("no interface " + NameText(options.interface));
+        if (!options.interface.empty()) m_Interface = static_cast<int>(InterfaceIndex(options.interface));
         if (!m_Socket.Open()) Fail();
         const int on = 1;
         ::setsockopt(m_Socket.GetSocket(), SOL_PACKET, PACKET_AUXDATA, &on, sizeof on);
         if (m_Interface > 0) Bind();
     }
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
+    /// Also where a failure ends it.
+    ~Recorder() { TellMissing(); }
 
     int Run() {
         if (!m_Options.json) Print("capturing on " + Name() + "\n");
@@ -294,12 +317,12 @@ class Recorder {
         for (uint64_t number = 0;;) {
             switch (m_Watch.Await(m_Socket.GetSocket(), ms)) {
                 case EndWatch::kSignal:
-                    return End(m_Options.count == 0 ? kExitOk : kExitFailure);
+                    return m_Options.count == 0 ? kExitOk : kExitFailure;
                 case EndWatch::kTimeOut:
                     Complain("no frame on " + Name() + " within " + std::to_string(ms) + " ms");
-                    return End(kExitFailure);
+                    return kExitFailure;
                 case EndWatch::kData:
-                    if (Take() && ++number == m_Options.count) return End(kExitOk);
+                    if (Take() && ++number == m_Options.count) return kExitOk;
                     break;
             }
         }
@@ -324,7 +347,7 @@ class Recorder {
         address.sll_protocol = htons(ETH_P_ALL);
         address.sll_ifindex = m_Interface;
         if (::bind(m_Socket.GetSocket(), reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0)
-            throw std::runtime_error("cannot capture on " + Name() + ": error " + CodeText(errno));
+            throw std::runtime_error("cannot capture on " + Name() + ": " + FailureText(errno));
     }
 
     /// Prints the frame that waits; false if it was not one of the interface.
@@ -341,13 +364,12 @@ class Recorder {
         return true;
     }
 
-    int End(int code) const {
+    void TellMissing() const {
         tpacket_stats counts{};
         socklen_t size = sizeof counts;
         if (::getsockopt(m_Socket.GetSocket(), SOL_PACKET, PACKET_STATISTICS, &counts, &size) == 0 &&
             counts.tp_drops > 0)
             Complain(std::to_string(counts.tp_drops) + " frames came too fast and are missing");
-        return code;
     }
 
     const CaptureOptions& m_Options;

@@ -42,4 +42,12 @@ CLI::Option* AddNumber(CLI::App& app, const char* name, Number& value, const cha
         ->check(CheckNumber<Number>);
 }
 
+/// An option with a text, which an empty one does not count as: the commands take that for a missing option.
+inline CLI::Option* AddText(CLI::App& app, const char* name, std::string& value, const char* type,
+                            const char* help) {
+    return app.add_option(name, value, help)->type_name(type)->check([](const std::string& text) {
+        return text.empty() ? std::string("the value is empty") : std::string();
+    });
+}
+
 #endif

@@ -31,17 +31,18 @@ typedef KovaNetInterfaces::KovaNetInterface Interface;
 
 constexpr const char* kCapability = "cap_net_admin";
 
+/// Interfaces in the library's table.
+constexpr int kMostListed = 7;
+
 /// Fills the table. Without the privilege to change anything: with it, the table would take the addresses of
 /// all interfaces that are down.
 void Gather(KovaNetInterfaces& table) {
     const NetAdminOff off;
     errno = 0;
     if (!table.GatherInterfaces())
-        throw std::runtime_error("cannot read the list of interfaces: error " + CodeText(errno));
+        throw std::runtime_error("cannot read the list of interfaces: " + FailureText(errno));
     table.ClearError();
 }
-
-std::string IpText(const KovaInetAddr& address) { return address.GetAsciiIp(); }
 
 // Listing
 
@@ -88,45 +89,73 @@ std::string Array(KovaNetInterfaces& table) {
 
 std::string BaseName(const std::string& name) { return name.substr(0, name.find(':')); }
 
-bool Exists(const std::string& name) { return if_nametoindex(BaseName(name).c_str()) != 0; }
-
-void CheckExists(const std::string& name) {
-    if (!Exists(name)) throw UsageError("no interface " + NameText(name));
-}
+bool IsAlias(const std::string& name) { return name != BaseName(name); }
 
 /// What the kernel says of an interface.
 struct KernelState {
     bool up = false;
-    bool has_address = false;  ///< the one that was asked for
+    bool loopback = false;
+    int addresses = 0;  ///< IPv4 addresses of this very name
+    in_addr_t address = 0;
+    in_addr_t netmask = 0;
+
+    void AddAddress(const ifaddrs& entry) {
+        ++addresses;
+        address = IpOf(entry.ifa_addr);
+        netmask = IpOf(entry.ifa_netmask);
+    }
+
+  private:
+    static in_addr_t IpOf(const sockaddr* address) {
+        if (address == nullptr) return 0;
+        sockaddr_in one;
+        memcpy(&one, address, sizeof one);
+        return one.sin_addr.s_addr;
+    }
 };
 
-KernelState StateOf(const std::string& name, in_addr_t address) {
+/// Throws UsageError if there is no such device.
+KernelState StateOf(const std::string& name) {
+    InterfaceIndex(BaseName(name));
     ifaddrs* list = nullptr;
     if (::getifaddrs(&list) < 0) throw std::system_error(errno, std::generic_category(), "getifaddrs");
     const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, freeifaddrs);
     KernelState state;
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-        if (BaseName(name) == BaseName(entry->ifa_name)) state.up |= (entry->ifa_flags & IFF_UP) != 0;
-        if (name != entry->ifa_name || entry->ifa_addr == nullptr) continue;
-        if (entry->ifa_addr->sa_family != AF_INET) continue;
-        sockaddr_in one;
-        memcpy(&one, entry->ifa_addr, sizeof one);
-        state.has_address |= one.sin_addr.s_addr == address;
+        if (BaseName(name) != BaseName(entry->ifa_name)) continue;
+        state.up |= (entry->ifa_flags & IFF_UP) != 0;
+        state.loopback |= (entry->ifa_flags & IFF_LOOPBACK) != 0;
+        const bool is_ipv4 = entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_INET;
+        if (is_ipv4 && name == entry->ifa_name) state.AddAddress(*entry);
     }
     return state;
 }
 
+std::string AddressesText(const KernelState& state) {
+    if (state.addresses == 0) return "no address";
+    return "address " + IpText(KovaInetAddr(state.address, 0)) + ", netmask " +
+           IpText(KovaInetAddr(state.netmask, 0));
+}
+
 [[noreturn]] void Fail(const std::string& what, const std::string& name, int error) {
-    throw std::runtime_error("cannot " + what + " " + NameText(name) + ": error " + CodeText(error) +
+    throw std::runtime_error("cannot " + what + " " + NameText(name) + ": " + FailureText(error) +
                              PrivilegeHint(error, kCapability));
 }
 
 Interface& Find(KovaNetInterfaces& table, const std::string& name) {
     Interface& found = table[name.c_str()];
     if (found.GetInterfaceId().GetId() >= 0) return found;
-    throw UsageError("interface " + NameText(name) +
-                     " is not in the library's table: it has no IPv4 address ('kova interfaces set' gives it "
-                     "one), or is not among the first seven");
+    const bool has_address = StateOf(name).addresses != 0;
+    throw UsageError("interface " + NameText(name) + " is not in the library's table: " +
+                     (has_address ? "its address is not among the first seven"
+                                  : "it has no IPv4 address ('kova interfaces set' gives it one)"));
+}
+
+/// The kernel's requests name no address: they would change now this one, now that one.
+void CheckOneAddress(const std::string& name, const KernelState& state) {
+    if (state.addresses > 1)
+        throw UsageError("interface " + NameText(name) + " has " + std::to_string(state.addresses) +
+                         " IPv4 addresses of this name; it can be changed with one only");
 }
 
 in_addr_t ParseIp(const char* option, const std::string& text) {
@@ -199,7 +228,8 @@ void ConfigureOrFail(Interface& interface) {
     }
 }
 
-void SetMacOrFail(const std::string& name, const KovaMacAddr& mac) {
+/// By name: the library knows interfaces with an address only.
+void SetMac(const std::string& name, const KovaMacAddr& mac) {
     ifreq request = RequestFor(name);
     request.ifr_hwaddr.sa_family = ARPHRD_ETHER;
     memcpy(request.ifr_hwaddr.sa_data, mac.GetUnsigned(), KovaMacAddr::kSize);
@@ -207,7 +237,7 @@ void SetMacOrFail(const std::string& name, const KovaMacAddr& mac) {
         Fail("set the MAC address of", name, error);
 }
 
-/// The library knows interfaces with an address only.
+/// As above.
 void GiveFirstAddress(const std::string& name, in_addr_t address) {
     if (const int error = SetInKernel(SIOCSIFADDR, name, address); error != 0)
         Fail("set the address of", name, error);
@@ -228,27 +258,61 @@ struct Wanted {
         if (address == in_addr_t{0})
             throw UsageError("--address 0.0.0.0: 'kova interfaces down' takes it away");
     }
+
+    bool ChangesAddresses() const { return address || netmask; }
 };
 
-bool IsListed(const std::string& name) {
+/// Whether a first address would be among the seven of the table: the kernel lists devices by their indexes.
+bool WouldBeListed(const std::string& name) {
     KovaNetInterfaces table;
     Gather(table);
-    return table[name.c_str()].GetInterfaceId().GetId() >= 0;
+    const int count = table.Count().GetId();
+    if (count < kMostListed) return true;
+    return InterfaceIndex(BaseName(name)) < InterfaceIndex(BaseName(table[count - 1].GetName()));
 }
 
-void SetMac(Interface& interface, const KovaMacAddr& mac) {
-    if (interface.GetType() != KovaNetInterfaces::IF_TYPE_ETHERNET)
-        throw UsageError(std::string(interface.GetName()) + " has no MAC address that could be set");
-    if (!interface.SetMacAddress(mac)) SetMacOrFail(interface.GetName(), mac);
+void CheckFirstAddress(const std::string& name, const Wanted& wanted) {
+    if (!wanted.address || !wanted.netmask)
+        throw UsageError(NameText(name) + " has no address yet: give both --address and --netmask");
+    if (!WouldBeListed(name))
+        throw UsageError(
+            NameText(name) +
+            " gets no address: it would not be among the first seven, which the library's table has");
 }
 
-void SetAddresses(Interface& interface, const Wanted& wanted) {
+/// Throws UsageError for what cannot be set, before anything is. Returns what there is.
+KernelState CheckSettable(const std::string& name, const Wanted& wanted) {
+    const KernelState state = StateOf(name);
+    if (wanted.mac && state.loopback)
+        throw UsageError(NameText(name) + " has no MAC address that could be set");
+    if (!wanted.ChangesAddresses()) return state;
+    CheckOneAddress(name, state);
+    if (state.addresses == 0) {
+        CheckFirstAddress(name, wanted);
+    } else {
+        KovaNetInterfaces table;
+        Gather(table);
+        Find(table, name);
+    }
+    return state;
+}
+
+void SetAddresses(const std::string& name, const Wanted& wanted) {
+    KovaNetInterfaces table;
+    Gather(table);
+    Interface& interface = Find(table, name);
     if (wanted.address) interface.SetAddress(KovaInetAddr(*wanted.address, 0));
     if (wanted.netmask) interface.SetNetMask(KovaInetAddr(*wanted.netmask, 0));
     if (!interface.Reconfigure()) ConfigureOrFail(interface);
 }
 
 }  // namespace
+
+unsigned InterfaceIndex(const std::string& name) {
+    const unsigned index = if_nametoindex(name.c_str());
+    if (index == 0) throw UsageError("no interface " + NameText(name));
+    return index;
+}
 
 int InterfaceList(const InterfaceListOptions& options) {
     KovaNetInterfaces table;
@@ -262,7 +326,7 @@ int InterfaceList(const InterfaceListOptions& options) {
 }
 
 int InterfaceUp(const std::string& name) {
-    CheckExists(name);
+    const KernelState before = StateOf(name);
     KovaNetInterfaces table;
     Gather(table);
     Interface& interface = Find(table, name);
@@ -270,17 +334,23 @@ int InterfaceUp(const std::string& name) {
         Print(NameText(name) + " is up already\n");
         return kExitOk;
     }
+    // The kernel takes the request for an alias, too, and does nothing.
+    if (IsAlias(name))
+        throw std::runtime_error("cannot take up " + NameText(name) + ": its device " +
+                                 NameText(BaseName(name)) + " is down");
+    CheckOneAddress(name, before);
     if (!interface.SetStatus(KovaNetInterfaces::IF_STATUS_UP)) {
         if (table.GetError() != KovaBaseObject::KOVA_ERR_NONE) Fail("take up", name, table.GetError());
         ConfigureOrFail(interface);
     }
-    Print(NameText(name) + " is up: address " + IpText(interface.GetAddress()) + ", netmask " +
-          IpText(interface.GetNetMask()) + "\n");
+    const KernelState state = StateOf(name);
+    if (!state.up) Fail("take up", name, table.GetError());
+    Print(NameText(name) + " is up: " + AddressesText(state) + "\n");
     return kExitOk;
 }
 
 int InterfaceDown(const std::string& name) {
-    CheckExists(name);
+    const KernelState before = StateOf(name);
     KovaNetInterfaces table;
     Gather(table);
     Interface& interface = Find(table, name);
@@ -288,37 +358,33 @@ int InterfaceDown(const std::string& name) {
         Print(NameText(name) + " is down already\n");
         return kExitOk;
     }
+    CheckOneAddress(name, before);
     // The result says nothing: the kernel has no netmask to take away once the address is gone, which counts
     // as a failure.
     interface.SetStatus(KovaNetInterfaces::IF_STATUS_DOWN);
-    const KovaInetAddr address = interface.GetAddress();
-    const KernelState state = StateOf(name, address.GetIp());
-    if (state.has_address) {
+    const KernelState state = StateOf(name);
+    if (state.addresses != 0) {
         if (const int error = SetInKernel(SIOCSIFADDR, name, 0); error != 0)
             Fail("take the address of", name, error);
     }
     // The device of an alias stays up.
-    const bool is_alias = name != BaseName(name);
-    if (state.up && !is_alias) Fail("take down", name, table.GetError());
-    Print(NameText(name) + (is_alias ? " has lost" : " is down and has lost") + " its address " +
-          IpText(address) + "\n");
+    if (state.up && !IsAlias(name)) Fail("take down", name, table.GetError());
+    Print(NameText(name) + (IsAlias(name) ? " has lost" : " is down and has lost") + " its address " +
+          IpText(interface.GetAddress()) + "\n");
     return kExitOk;
 }
 
 int InterfaceSet(const InterfaceSetOptions& options) {
     const Wanted wanted(options);
     const std::string& name = options.name;
-    CheckExists(name);
-    if (wanted.address && !IsListed(name)) {
-        if (!wanted.netmask) throw UsageError(NameText(name) + " has no address yet: give --netmask, too");
-        GiveFirstAddress(name, *wanted.address);
+    const KernelState before = CheckSettable(name, wanted);
+    if (wanted.mac) SetMac(name, *wanted.mac);
+    if (wanted.ChangesAddresses()) {
+        if (before.addresses == 0) GiveFirstAddress(name, *wanted.address);
+        SetAddresses(name, wanted);
     }
-    KovaNetInterfaces table;
-    Gather(table);
-    Interface& interface = Find(table, name);
-    if (wanted.mac) SetMac(interface, *wanted.mac);
-    if (wanted.address || wanted.netmask) SetAddresses(interface, wanted);
-    Print(NameText(name) + ": address " + IpText(interface.GetAddress()) + ", netmask " +
-          IpText(interface.GetNetMask()) + ", MAC " + interface.GetMacAddress().Ascii() + "\n");
+    KovaMacAddr mac;
+    mac.FetchFromDevice(name.c_str());
+    Print(NameText(name) + ": " + AddressesText(StateOf(name)) + ", MAC " + mac.Ascii() + "\n");
     return kExitOk;
 }

@@ -4,6 +4,9 @@
 
 #include <string>
 
+/// Throws UsageError if there is no such interface.
+unsigned InterfaceIndex(const std::string& name);
+
 struct InterfaceListOptions {
     bool json = false;
 };

@@ -117,9 +117,8 @@ int Run(int argc, char** argv) {
     return command();
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+/// As above, with failures told and turned into exit codes.
+int RunAndTell(int argc, char** argv) {
     try {
         return Run(argc, argv);
     } catch (const UsageError& error) {
@@ -130,3 +129,7 @@ int main(int argc, char** argv) {
         return kExitFailure;
     }
 }
+
+}  // namespace
+
+int main(int argc, char** argv) { return CheckOutput(RunAndTell(argc, argv)); }

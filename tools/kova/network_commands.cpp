@@ -68,10 +68,9 @@ void AddInterfaces(CLI::App& app, NetworkOptions& options, Command& command) {
         .callback([&] { command = [&] { return InterfaceDown(name); }; });
 
     CLI::App& set = AddSwitch(interfaces, "set", "Change the addresses of an interface", options.set.name);
-    set.add_option("--address", options.set.address, "IPv4 address")->type_name("A.B.C.D");
-    set.add_option("--netmask", options.set.netmask, "Netmask of the address")->type_name("A.B.C.D");
-    set.add_option("--mac", options.set.mac, "Hardware address; some devices must be down for it")
-        ->type_name("MAC");
+    AddText(set, "--address", options.set.address, "A.B.C.D", "IPv4 address");
+    AddText(set, "--netmask", options.set.netmask, "A.B.C.D", "Netmask of the address");
+    AddText(set, "--mac", options.set.mac, "MAC", "Hardware address; some devices must be down for it");
     set.callback([&] { command = [&] { return InterfaceSet(options.set); }; });
 }
 

@@ -2,24 +2,25 @@
 
 #include "end_signals.h"
 #include "hex_dump.h"
+#include "ping_answer.h"
 #include "privilege.h"
 #include "report.h"
-#include "unreachable.h"
 
 #include <kova/icmp_socket.h>
 #include <kova/raw_socket.h>
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <string.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 
 namespace {
@@ -30,12 +31,28 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kReplySize = "52 bytes";
 /// Limit of the library's wait: only for a reply that is there.
 constexpr int kTakeMs = 10;
+/// Wait for room where the system has none for a request.
+constexpr std::chrono::milliseconds kRoomWait(20);
+
+/// Of a buffer: for a request and its reply, as often as they are heard, with what the kernel adds to each.
+constexpr size_t kBufferPerHost = 4096;
+constexpr size_t kLargestBuffer = size_t{16} << 20;
+/// What a packet takes of it at least.
+constexpr int kLeastInBuffer = 256;
 
 /// Of the milliseconds of a round trip, as many digits as mean something.
 std::string Digits(double ms) {
     char text[32];
     std::snprintf(text, sizeof text, "%.2f", ms);
     return text;
+}
+
+/// A part of all in percent, with a digit behind the point where it is not whole; 0 and 100 are exact.
+std::string Percent(uint64_t part, uint64_t all) {
+    const uint64_t rounded = (part * 1000 + all / 2) / all;
+    const uint64_t tenths = std::clamp<uint64_t>(rounded, part > 0 ? 1 : 0, part < all ? 999 : 1000);
+    const std::string whole = std::to_string(tenths / 10);
+    return (tenths % 10 == 0 ? whole : whole + "." + std::to_string(tenths % 10)) + "%";
 }
 
 // Hosts
@@ -93,7 +110,7 @@ class Host {
     std::string Summary() const {
         std::string text =
             m_Name + ": " + std::to_string(m_Sent) + " sent, " + std::to_string(m_Received) + " received";
-        if (m_Sent > 0) text += ", " + std::to_string((m_Sent - m_Received) * 100 / m_Sent) + "% loss";
+        if (m_Sent > 0) text += ", " + Percent(m_Sent - m_Received, m_Sent) + " loss";
         if (m_Received > 0) {
             const double average = m_Sum / static_cast<double>(m_Received);
             text +=
@@ -146,11 +163,26 @@ bool TakeReply(KovaRawSocket& socket, uint16_t& sequence) {
     return socket.RecvPingPacket(0, sequence, 0, 0, 0);
 }
 
-/// The network's answer that waits instead of a reply.
-std::optional<Unreachable> TakeRefusal(KovaIcmpSocket& socket) { return TakeUnreachable(socket.GetSocket()); }
+Hears HeardBy(const KovaIcmpSocket&) { return Hears::kPackets; }
+Hears HeardBy(const KovaRawSocket&) { return Hears::kFrames; }
 
-/// Skips such answers while it looks for replies.
-std::optional<Unreachable> TakeRefusal(KovaRawSocket&) { return std::nullopt; }
+// Buffers
+
+int BufferSize(int fd, int option) {
+    int size = 0;
+    socklen_t length = sizeof size;
+    ::getsockopt(fd, SOL_SOCKET, option, &size, &length);
+    return size;
+}
+
+/// As far as the system allows; `beyond` is the option that passes its limit, for those with the privilege.
+void Enlarge(int fd, int option, int beyond, int size) {
+    if (BufferSize(fd, option) >= size) return;
+    if (::setsockopt(fd, SOL_SOCKET, beyond, &size, sizeof size) == 0) return;
+    ::setsockopt(fd, SOL_SOCKET, option, &size, sizeof size);
+}
+
+bool HasNoRoom(int error) { return error == ENOBUFS || error == EAGAIN; }
 
 /// Sends rounds of requests and measures the times itself: the library knows milliseconds.
 template <typename Socket>
@@ -165,10 +197,11 @@ class Pinger {
         Prepare(m_Socket, m_Options.interface);
         if (!m_Socket.Open()) Fail();
         m_Socket.SetTimeout(kTakeMs);
+        MakeRoom();
         const EndWatch watch;
         for (uint64_t round = 1;; ++round) {
             const auto begin = Clock::now();
-            SendAll(static_cast<uint16_t>(round));
+            SendAll(watch, static_cast<uint16_t>(round));
             if (!AwaitAll(watch)) break;
             if (round == m_Options.count) break;
             if (!Pause(watch, begin + std::chrono::milliseconds(m_Options.interval_ms))) break;
@@ -183,16 +216,36 @@ class Pinger {
 
     [[noreturn]] void Fail() const { throw std::runtime_error("cannot ping: " + ErrorText()); }
 
-    void SendAll(uint16_t sequence) {
+    /// Buffers for what all hosts may cause at once.
+    void MakeRoom() const {
+        const int fd = m_Socket.GetSocket();
+        const int size = static_cast<int>(std::min(m_Hosts.size() * kBufferPerHost, kLargestBuffer));
+        Enlarge(fd, SO_RCVBUF, SO_RCVBUFFORCE, size);
+        Enlarge(fd, SO_SNDBUF, SO_SNDBUFFORCE, size);
+    }
+
+    /// Takes the replies that come meanwhile: those of many hosts would not find room.
+    void SendAll(const EndWatch& watch, uint16_t sequence) {
         m_Sequence = sequence;
+        const int most = MostWaiting();
         for (Host& host : m_Hosts) {
-            const auto now = Clock::now();
-            if (SendRequest(m_Socket, host.Address(), m_Interface, sequence)) {
-                host.Sent(now);
-            } else {
+            if (!Send(host) && !(HasNoRoom(m_Socket.GetError()) && SendLater(watch, host)))
                 Complain("cannot send to " + host.Name() + ": " + ErrorText());
-            }
+            TakeAll(most);
         }
+    }
+
+    bool Send(Host& host) {
+        const auto now = Clock::now();
+        if (!SendRequest(m_Socket, host.Address(), m_Interface, m_Sequence)) return false;
+        host.Sent(now);
+        return true;
+    }
+
+    /// A signal ends the wait, and is found again by those that follow.
+    bool SendLater(const EndWatch& watch, Host& host) {
+        Listen(watch, Clock::now() + kRoomWait, [] { return false; });
+        return Send(host);
     }
 
     bool AnyWaits() const {
@@ -204,34 +257,31 @@ class Pinger {
         return static_cast<int>(std::max<int64_t>(left, 0));
     }
 
-    /// Waits for the replies of the round; false when the end is asked for.
-    bool AwaitAll(const EndWatch& watch) {
-        const auto limit = Clock::now() + std::chrono::milliseconds(m_Options.timeout_ms);
-        while (AnyWaits()) {
-            const int ms = Until(limit);
-            switch (watch.Await(m_Socket.GetSocket(), ms)) {
-                case EndWatch::kSignal:
-                    return false;
-                case EndWatch::kData:
-                    Take();
-                    break;
-                case EndWatch::kTimeOut:
-                    break;
-            }
-            // What is there when the time is over was looked at, and what it may be followed by is late.
-            if (ms == 0) TellMissed();
+    /// Takes what comes until nothing more is wanted or the time is over. What is there then is looked at,
+    /// too; what it may be followed by is late. False when the end is asked for.
+    template <typename IsDone>
+    bool Listen(const EndWatch& watch, Clock::time_point limit, IsDone is_done) {
+        const int most = MostWaiting();
+        for (int ms = 1; ms > 0 && !is_done();) {
+            ms = Until(limit);
+            if (watch.Await(m_Socket.GetSocket(), ms) == EndWatch::kSignal) return false;
+            TakeAll(most);
         }
         return true;
     }
 
-    /// Waits for the next round; replies that come meanwhile are late. False when the end is asked for.
-    static bool Pause(const EndWatch& watch, Clock::time_point limit) {
-        int ms;
-        do {
-            ms = Until(limit);
-            if (watch.Await(-1, ms) == EndWatch::kSignal) return false;
-        } while (ms > 0);
+    /// Waits for the replies of the round; false when the end is asked for.
+    bool AwaitAll(const EndWatch& watch) {
+        const auto limit = Clock::now() + std::chrono::milliseconds(m_Options.timeout_ms);
+        if (!Listen(watch, limit, [this] { return !AnyWaits(); })) return false;
+        TellMissed();
         return true;
+    }
+
+    /// Waits for the next round. What comes meanwhile is late, but would be in the way of its replies. False
+    /// when the end is asked for.
+    bool Pause(const EndWatch& watch, Clock::time_point limit) {
+        return Listen(watch, limit, [] { return false; });
     }
 
     /// The host that has not answered the request of this number yet.
@@ -243,30 +293,50 @@ class Pinger {
         return host == m_Hosts.end() ? nullptr : &*host;
     }
 
-    /// Takes an answer if one is there. Late and repeated ones count as nothing.
-    void Take() {
-        uint16_t sequence = 0;
-        if (const auto refusal = TakeRefusal(m_Socket)) {
-            TellRefusal(*refusal);
-        } else if (TakeReply(m_Socket, sequence)) {
-            TellReply(sequence);
+    /// As many packets as the buffer can hold at a time.
+    int MostWaiting() const { return BufferSize(m_Socket.GetSocket(), SO_RCVBUF) / kLeastInBuffer; }
+
+    /// Takes what is there, at most so many packets: others may come as fast as they are taken.
+    void TakeAll(int most) {
+        while (most-- > 0 && Take()) {
         }
     }
 
-    void TellReply(uint16_t sequence) {
-        const auto now = Clock::now();
-        Host* const host = Waiting(m_Socket.GetLastPeer()->GetIp(), sequence);
-        if (host == nullptr) return;
-        Print(std::string(kReplySize) + " from " + host->Name() + ": seq=" + std::to_string(sequence) +
-              " time=" + Digits(host->Answered(now)) + " ms" + ArrivalText() + "\n");
+    /// Takes the packet that waits, false if none does. Late and repeated answers count as nothing.
+    bool Take() {
+        const int fd = m_Socket.GetSocket();
+        const Hears heard = HeardBy(m_Socket);
+        const auto answer = PeekAnswer(fd, heard);
+        if (!answer) return false;
+        if (answer->kind == Answer::kReply) {
+            uint16_t sequence = 0;
+            if (TakeReply(m_Socket, sequence)) TellReply(*answer);
+            return true;
+        }
+        DropAnswer(fd);
+        if (answer->kind == Answer::kRefusal && heard == Hears::kPackets) TellRefusal(*answer);
+        return true;
     }
 
-    void TellRefusal(const Unreachable& refusal) {
+    void TellReply(const Answer& reply) {
+        const auto now = Clock::now();
+        Host* const host = Waiting(reply.host, reply.sequence);
+        if (host == nullptr) return;
+        Print(std::string(kReplySize) + " from " + host->Name() + ": seq=" + std::to_string(reply.sequence) +
+              " time=" + Digits(host->Answered(now)) + " ms" + SourceText(reply) + ArrivalText() + "\n");
+    }
+
+    void TellRefusal(const Answer& refusal) {
         Host* const host = Waiting(refusal.host, refusal.sequence);
         if (host == nullptr) return;
         host->Missed();
         Print("no answer from " + host->Name() + ": seq=" + std::to_string(refusal.sequence) + " " +
               ReasonText(refusal) + ", says " + IpText(refusal.told_by) + "\n");
+    }
+
+    /// A host may reply from another of its addresses.
+    static std::string SourceText(const Answer& reply) {
+        return reply.told_by == reply.host ? std::string() : ", sent by " + IpText(reply.told_by);
     }
 
     /// Where the reply arrived, and whether the library's `Ping` would count it.

@@ -11,7 +11,7 @@
 
 namespace {
 
-/// The thread's effective capabilities below 32, which CAP_NET_ADMIN is among.
+/// The thread's effective capabilities below 32, which those of the network are among.
 class Capabilities {
   public:
     Capabilities() {
@@ -34,15 +34,22 @@ class Capabilities {
     __user_cap_data_struct m_Data[_LINUX_CAPABILITY_U32S_3] = {};
 };
 
+bool HasCapability(const std::string& name) {
+    const unsigned number = name == "cap_net_admin" ? CAP_NET_ADMIN : CAP_NET_RAW;
+    return (Capabilities().Effective() & (1U << number)) != 0;
+}
+
 }  // namespace
 
 std::string PrivilegeHint(int error, const std::string& capability) {
-    if (error != EPERM) return {};
+    if (error != EPERM || HasCapability(capability)) return {};
     std::string name = capability;
     for (char& c : name) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     std::error_code ignored;
     const std::string file = std::filesystem::read_symlink("/proc/self/exe", ignored).string();
-    return "; the privilege " + name + " is missing: run it as root, or once: setcap " + capability + "+ep " +
+    // All that the commands need: what setcap is told replaces what the file had.
+    return "; the privilege " + name +
+           " is missing: run it as root, or once: setcap cap_net_raw,cap_net_admin+ep " +
            (file.empty() ? "kova" : file);
 }
 

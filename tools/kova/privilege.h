@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string>
 
-/// What to do about EPERM, to be appended to an error message: that `capability` ("cap_net_raw")
-/// is missing and how to get it. Empty for other codes.
+/// What to do about EPERM, to be appended to an error message: that `capability` ("cap_net_raw" or
+/// "cap_net_admin") is missing and how to get it. Empty for other codes, and where the thread has it.
 std::string PrivilegeHint(int error, const std::string& capability);
 
 /// Keeps the thread from changing network interfaces as long as it lives.

@@ -1,9 +1,11 @@
 #include "report.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
 #include <string.h>
 #include <time.h>
 
+#include <atomic>
 #include <cstdio>
 #include <system_error>
 
@@ -42,6 +44,14 @@ const char* LibraryCodeName(int code) {
     }
 }
 
+/// Of the first write to standard output that failed; 0: none did. Servers print on several threads.
+std::atomic<int> g_OutputError{0};
+
+void KeepOutputError() {
+    int none = 0;
+    g_OutputError.compare_exchange_strong(none, errno);
+}
+
 }  // namespace
 
 void Complain(const std::string& message) {
@@ -50,8 +60,16 @@ void Complain(const std::string& message) {
 }
 
 void Print(std::string_view text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() || std::fflush(stdout) != 0)
+        KeepOutputError();
+}
+
+int CheckOutput(int code) {
+    if (std::fflush(stdout) != 0) KeepOutputError();
+    if (code != kExitOk || std::ferror(stdout) == 0) return code;
+    const int error = g_OutputError;
+    Complain("cannot write to standard output" + (error == 0 ? "" : ": " + SystemText(error)));
+    return kExitFailure;
 }
 
 std::string SystemText(int error) { return std::generic_category().message(error); }
@@ -63,14 +81,20 @@ std::string CodeText(int code) {
     return number;
 }
 
+std::string FailureText(int code) {
+    return code == 0 ? "it had no effect, though the system told no error" : "error " + CodeText(code);
+}
+
 std::string RecordText(const KovaBaseObject& object) {
     std::string text = "error " + CodeText(object.GetError());
     if (const char* function = object.GetErrorFunction()) text += std::string(" in \"") + function + "\"";
     return text + " line " + std::to_string(object.GetErrorLine());
 }
 
+std::string IpText(const KovaInetAddr& address) { return address.GetAsciiIp(); }
+
 std::string AddressText(const KovaInetAddr& address) {
-    const std::string ip = address.GetAsciiIp();
+    const std::string ip = IpText(address);
     const std::string port = std::to_string(ntohs(address.GetPort()));
     return (ip.find(':') == ip.npos ? ip : "[" + ip + "]") + ":" + port;
 }

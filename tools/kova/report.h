@@ -25,14 +25,24 @@ struct UsageError : std::runtime_error {
 /// Prints "kova: MESSAGE" to standard error, as one write.
 void Complain(const std::string& message);
 
-/// Prints to standard output at once.
+/// Prints to standard output at once. A failure is kept for `CheckOutput`.
 void Print(std::string_view text);
+
+/// The exit code of a command that is through with `code`: where this is `kExitOk`, but not all of its output
+/// could be written, complains and returns `kExitFailure`.
+int CheckOutput(int code);
 
 /// An error code with its name: "30009 KOVA_ERR_BAD_VERSION", "111 ECONNREFUSED (Connection refused)".
 std::string CodeText(int code);
 
+/// Why something failed: "error " and the code with its name, or words for code 0.
+std::string FailureText(int code);
+
 /// The error record of an object: `error CODE NAME in "FUNCTION" line LINE`.
 std::string RecordText(const KovaBaseObject& object);
+
+/// The address alone.
+std::string IpText(const KovaInetAddr& address);
 
 /// ADDRESS:PORT, the address of an IPv6 peer in brackets.
 std::string AddressText(const KovaInetAddr& address);
