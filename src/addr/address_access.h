@@ -5,6 +5,7 @@
 #include <kova/inet_addr.h>
 #include <kova/mac_addr.h>
 
+#include <cstdint>
 #include <cstring>
 
 namespace kova {
@@ -24,9 +25,14 @@ struct AddressAccess {
 
     /// As the assignment of six bytes, which may be the object's own.
     static void StoreBytes(KovaMacAddr& address, const unsigned char* bytes) {
-        unsigned char copy[KovaMacAddr::kSize];
-        std::memcpy(copy, bytes, sizeof copy);
-        std::memcpy(address.m_Bytes, copy, sizeof copy);
+        // In two registers, since they may overlap.
+        uint32_t first;
+        uint16_t last;
+        static_assert(sizeof first + sizeof last == KovaMacAddr::kSize);
+        std::memcpy(&first, bytes, sizeof first);
+        std::memcpy(&last, bytes + sizeof first, sizeof last);
+        std::memcpy(address.m_Bytes, &first, sizeof first);
+        std::memcpy(address.m_Bytes + sizeof first, &last, sizeof last);
         address.m_Valid = 1;
         address.m_Text[0] = '\0';
     }
