@@ -3,6 +3,7 @@
 #define KOVA_TESTS_MSG_WIRE_H
 
 #include "support/leak_check.h"
+#include "support/recorded.h"
 
 #include <kova/flat_msg.h>
 #include <kova/tcp_socket.h>
@@ -80,16 +81,6 @@ inline bool IsInline(const KovaFlatMsg& message) {
     const char* const header = reinterpret_cast<const char*>(message.GetHeader());
     const char* const object = reinterpret_cast<const char*>(&message);
     return header >= object && header < object + sizeof message;
-}
-
-inline testing::AssertionResult Recorded(const KovaBaseObject& object, int code,
-                                         const std::string& function) {
-    const char* const text = object.GetErrorFunction() == nullptr ? "none" : object.GetErrorFunction();
-    if (object.GetError() == code && function == text && object.GetErrorLine() > 0) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "recorded " << object.GetError() << " by " << text << ", line "
-                                       << object.GetErrorLine() << ", not " << code << " by " << function;
 }
 
 /// Gives receives of a plain socket an end, so that what never comes fails a test.

@@ -2,6 +2,7 @@
 #include "support/fake_libc.h"
 #include "support/icmp_peer.h"
 #include "support/leak_check.h"
+#include "support/recorded.h"
 #include "support/second_host.h"
 #include "support/signal_storm.h"
 #include "support/trace_recorder.h"
@@ -68,14 +69,6 @@ class Raw : public KovaRawSocket {
     void Plant(int code) { _SetError_("planted", 1, code); }
     int Timeout() const { return m_Timeout; }
 };
-
-testing::AssertionResult Recorded(const KovaBaseObject& object, int code, const std::string& function) {
-    const char* const text = object.GetErrorFunction() == nullptr ? "none" : object.GetErrorFunction();
-    if (object.GetError() == code && function == text && object.GetErrorLine() > 0)
-        return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "recorded " << object.GetError() << " by " << text << ", line "
-                                       << object.GetErrorLine() << ", not " << code << " by " << function;
-}
 
 template <typename Value>
 std::string Bytes(const Value& value) {

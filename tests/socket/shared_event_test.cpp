@@ -1,5 +1,6 @@
 #include "support/fake_libc.h"
 #include "support/leak_check.h"
+#include "support/recorded.h"
 #include "support/trace_recorder.h"
 #include "sync/locks.h"
 
@@ -74,15 +75,6 @@ class Event : public KovaSharedEvent {
     using KovaSharedEvent::KovaSharedEvent;
     void Plant(int code) { _SetError_("planted", 1, code); }
 };
-
-testing::AssertionResult Recorded(const KovaBaseObject& object, int code, const std::string& function) {
-    const char* const text = object.GetErrorFunction() == nullptr ? "none" : object.GetErrorFunction();
-    if (object.GetError() == code && function == text && object.GetErrorLine() > 0) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "recorded " << object.GetError() << " by " << text << ", line "
-                                       << object.GetErrorLine() << ", not " << code << " by " << function;
-}
 
 /// The datagram that stands for an event.
 std::string DatagramOf(std::string name) {

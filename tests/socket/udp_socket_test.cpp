@@ -1,6 +1,7 @@
 #include "support/fake_libc.h"
 #include "support/leak_check.h"
 #include "support/own_machine.h"
+#include "support/recorded.h"
 #include "support/second_host.h"
 #include "support/signal_storm.h"
 #include "support/trace_recorder.h"
@@ -52,15 +53,6 @@ class Udp : public KovaUDPSocket {
     void Plant(int code) { _SetError_("planted", 1, code); }
     bool IsStopped() const { return m_Stop != 0; }
 };
-
-testing::AssertionResult Recorded(const KovaBaseObject& object, int code, const std::string& function) {
-    const char* const text = object.GetErrorFunction() == nullptr ? "none" : object.GetErrorFunction();
-    if (object.GetError() == code && function == text && object.GetErrorLine() > 0) {
-        return testing::AssertionSuccess();
-    }
-    return testing::AssertionFailure() << "recorded " << object.GetError() << " by " << text << ", line "
-                                       << object.GetErrorLine() << ", not " << code << " by " << function;
-}
 
 in6_addr Ip6(const char* text) {
     in6_addr ip{};
